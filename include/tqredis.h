@@ -1,0 +1,285 @@
+/* tqredis.h: the device's shared state in three Redis databases, over hiredis.
+ *
+ * Conventions
+ * - Databases: 0 "redis_de_global", 1 "redis_ce_global", 2 "redis_host".
+ *   Operations: 0 "read", 1 "write", 2 "pubsub". Identifiers of 3 and above
+ *   are refused wherever a function checks them.
+ * - Acting functions return 0 on success and -1 on failure; questions and
+ *   reply checks return 1 (yes, usable) or 0. Some also return -2 (invalid
+ *   arguments or a null function pointer), -3 (memory exhausted), -4 (reply
+ *   of the wrong type) or -5 (hash field not found). The reason of a failure
+ *   goes to the log, never to the caller.
+ * - A reply returned for a read belongs to the caller, who frees it exactly
+ *   once with tqredis_free_reply(). Nothing here keeps or copies a reply; a
+ *   string handed out of a reply lives as long as the reply.
+ * - The library is set up when it is loaded (tqredis_initial); the host then
+ *   calls tqredis_init() once. After tqredis_init() with (flag & 2), public
+ *   calls hold one recursive process-wide lock; without it nothing locks.
+ * - Every message carries one level bit: 1 per-request data faults and the
+ *   command trace, 2 life-cycle events, 4 warnings and configuration
+ *   changes, 8 errors, 16 raw reply dumps (console only). A message of level
+ *   L is printed on stdout as "[proc]<function, line>:" and its text when
+ *   (g_tqredis_dbg_level & L), and written with a time stamp to
+ *   "/tmp/tqredis/<proc>.limitlog" (levels 2, 4, 8) or ".unlimitlog"
+ *   (levels 1, 16) when the file mask has L.
+ * - Some exported names keep misspellings; they are part of the interface.
+ */
+#ifndef TQREDIS_H_
+#define TQREDIS_H_
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include <hiredis/hiredis.h>
+
+#if defined(TQREDIS_BUILDING_LIBRARY)
+#define TQREDIS_API __attribute__((visibility("default")))
+#else
+#define TQREDIS_API
+#endif
+
+#if defined(__GNUC__)
+#define TQREDIS_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define TQREDIS_PRINTF(fmt, args)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Identifiers and name tables ---------------------------------------- */
+
+enum {
+  TQREDIS_DB_DE_GLOBAL = 0, /* "redis_de_global" */
+  TQREDIS_DB_CE_GLOBAL = 1, /* "redis_ce_global" */
+  TQREDIS_DB_HOST = 2,      /* "redis_host" */
+  TQREDIS_DB_NUM = 3
+};
+
+enum {
+  TQREDIS_OP_READ = 0,   /* "read" */
+  TQREDIS_OP_WRITE = 1,  /* "write" */
+  TQREDIS_OP_PUBSUB = 2, /* "pubsub" */
+  TQREDIS_OP_NUM = 3
+};
+
+/* Level bits of the console mask g_tqredis_dbg_level and of the file mask. */
+enum {
+  TQREDIS_LOG_DATA = 1,  /* per-request data faults, command trace */
+  TQREDIS_LOG_LIFE = 2,  /* life-cycle events */
+  TQREDIS_LOG_WARN = 4,  /* warnings, configuration changes */
+  TQREDIS_LOG_ERROR = 8, /* errors */
+  TQREDIS_LOG_DUMP = 16  /* raw reply dumps, console only */
+};
+
+/* Key command ids, stored in notification records: they never move.
+ * Names as in g_tqredis_keycmd_str, the two misspelled ones included. */
+enum {
+  TQREDIS_KEYCMD_SET = 0,
+  TQREDIS_KEYCMD_DEL = 1,
+  TQREDIS_KEYCMD_HSET = 2,
+  TQREDIS_KEYCMD_HDEL = 3,
+  TQREDIS_KEYCMD_SADD = 4,
+  TQREDIS_KEYCMD_SREM = 5,
+  TQREDIS_KEYCMD_SPOP = 6,
+  TQREDIS_KEYCMD_ZADD = 7,
+  TQREDIS_KEYCMD_ZREM = 8,
+  TQREDIS_KEYCMD_EXPIRE = 9,
+  TQREDIS_KEYCMD_EXPIRED = 10,
+  TQREDIS_KEYCMD_LPUSH = 11,
+  TQREDIS_KEYCMD_RPUSH = 12,
+  TQREDIS_KEYCMD_LREM = 13,
+  TQREDIS_KEYCMD_FLUSHDB = 14,
+  TQREDIS_KEYCMD_GET = 15,
+  TQREDIS_KEYCMD_HMGET = 16,
+  TQREDIS_KEYCMD_HGETALL = 17,
+  TQREDIS_KEYCMD_LINDEX = 18,
+  TQREDIS_KEYCMD_SMERMBERS = 19,  /* sic: "smermbers" */
+  TQREDIS_KEYCMD_SISMERMBER = 20, /* sic: "sismermber" */
+  TQREDIS_KEYCMD_PEXPIRE = 21,
+  TQREDIS_KEYCMD_SCAN = 22,
+  TQREDIS_KEYCMD_BGSAVE = 23,
+  TQREDIS_KEYCMD_PSETEX = 24,
+  TQREDIS_KEYCMD_PTTL = 25,
+  TQREDIS_KEYCMD_CLIENTLISTNAME = 26,
+  TQREDIS_KEYCMD_OTHER = 27,
+  TQREDIS_KEYCMD_NUM = 28
+};
+
+/* Display names of database, operation and key command ids. Read only. */
+TQREDIS_API extern const char *const g_tqredis_dbstr[3];
+TQREDIS_API extern const char *const g_tqredis_opstr[3];
+TQREDIS_API extern const char *const g_tqredis_keycmd_str[28];
+
+/* ---- Records shared with the host ---------------------------------------- */
+
+/* One keyspace notification, handed to hooks. It and its value belong to the
+ * library and are valid only during the hook call. */
+typedef struct tqredis_pmsg {
+  uint32_t db;        /* database the notification came from */
+  char key[128];      /* key name, NUL-terminated, at most 127 characters */
+  int32_t cmd;        /* key command id of the event; 27 for any other */
+  redisReply *value;  /* the key's value that came with the event */
+  uint32_t reserved;  /* always 0 */
+} tqredis_pmsg;
+
+/* Notification hook; its result is ignored. It runs with the global lock
+ * held (when enabled), so it may call back into the library. */
+typedef int (*tqredis_pmsg_hook_f)(tqredis_pmsg *pmsg, void *hook_arg);
+
+/* Data check, called with a database id after that database's
+ * subscriptions were (re)made, so the host can re-read what it missed.
+ * Its result is ignored. */
+typedef int (*tqredis_data_check_f)(uint32_t db);
+
+/* One entry of the host's subscription table. The array is read only during
+ * tqredis_init(); the layout is part of the interface (140 bytes on 32-bit
+ * targets). */
+typedef struct pubsub_mng {
+  uint32_t key_db;            /* database id, 0..2 */
+  char key_pattern[128];      /* glob pattern of the keys; 127 kept */
+  tqredis_pmsg_hook_f hook;   /* must not be NULL */
+  void *hook_arg;             /* passed back to hook unchanged */
+} pubsub_mng;
+
+/* ---- Library state and start-up ------------------------------------------ */
+
+/* Name of the host process from /proc/<pid>/comm, at most 29 characters;
+ * "tqredis" when it cannot be read. First field of every log line and
+ * prefix of every client name. */
+TQREDIS_API extern char g_tqredis_proc_name[32];
+
+/* 1 once tqredis_init() has run; never cleared. */
+TQREDIS_API extern uint8_t g_tqredis_init_ok;
+
+/* Load-time constructor and destructor; they run when the library is mapped
+ * and unmapped. Not meant to be called by the host. tqredis_initial()
+ * returns the result of its own "enter" log write. */
+TQREDIS_API int tqredis_initial(void);
+TQREDIS_API void tqredis_final(void);
+
+/* Reads the process name into g_tqredis_proc_name. Returns 0, or -1 (logged
+ * at level 8) when /proc/<pid>/comm cannot be opened or read. */
+TQREDIS_API int tqredis_parse_proc_name(void);
+
+/* The host's one initialisation call: ignores SIGPIPE, enables the global
+ * lock when (flag & 2), registers the subscription table (mng_size entries,
+ * read now, not kept) and the data check, sets g_tqredis_init_ok (whatever
+ * the registration gave) and logs ">>>>tqredis[flag=%#x] init, rv=%d" at
+ * level 2. Opens no connection. Returns what the registration returned. */
+TQREDIS_API int tqredis_init(pubsub_mng *mng, int mng_size,
+                             tqredis_data_check_f data_check_f,
+                             uint32_t flag);
+
+/* 1 if database `db` (taken modulo 32) exists on this card, else 0. */
+TQREDIS_API int tqredis_db_exist(uint32_t db);
+
+/* Prints the process name, the init flag and the whole connection table on
+ * stdout, lines ending in "\r\n". Takes the global lock. */
+TQREDIS_API void tqredis_basic_stats_show(void);
+
+/* Fills the connection table with its endpoints and resets the card
+ * information. Called by the constructor; opens no connection. */
+TQREDIS_API void tqredis_init_connect_mng(void);
+
+/* Registers the subscription table and the data check function; called by
+ * tqredis_init() with its first three arguments. Returns 0. */
+TQREDIS_API int tqredis_init_pubsub(pubsub_mng *mng, int mng_size,
+                                    tqredis_data_check_f data_check_f);
+
+/* ---- Card information ---------------------------------------------------- */
+
+/* Resets the card information to "not read": all three databases present,
+ * this card's node and the master's unknown. Called at load. */
+TQREDIS_API void tqredis_cardinfo_init(void);
+
+/* ---- Global lock and sleep ----------------------------------------------- */
+
+/* Makes the recursive mutex; called by the constructor. Ends the process
+ * with exit(1), after a level-8 message, when the mutex cannot be made. */
+TQREDIS_API void tqredis_lock_init(void);
+
+/* Take and release the recursive process-wide lock once tqredis_init()
+ * enabled it (flag & 2); before that, and without the flag, both do
+ * nothing. Each lock needs one unlock. */
+TQREDIS_API void tqredis_lock(void);
+TQREDIS_API void tqredis_unlock(void);
+
+/* Sleeps with select(); returns select's result. The library's only wait,
+ * always called with (1, 0). */
+TQREDIS_API int select_sleep(int sec, int usec);
+
+/* ---- Debug levels, configuration and log files --------------------------- */
+
+/* Console mask: a message of level L is printed on stdout when
+ * (g_tqredis_dbg_level & L). Default 0; "dbglevel=" in the .dbg file. */
+TQREDIS_API extern uint32_t g_tqredis_dbg_level;
+
+/* Opens "/tmp/tqredis/<proc>.limitlog" and ".unlimitlog" (truncated; the
+ * folder is made when missing) and reads "/data/tqredis/<proc>.dbg" (keys
+ * "dbglevel=", "filelevel=", "timestat=" at the start of a line; numbers in
+ * C notation). Called by the constructor. Returns 0. */
+TQREDIS_API int tqredis_dbg_init(void);
+
+/* Changes one setting: type 0 console mask, 1 file mask, 2 time statistics,
+ * 3 command commit threshold, any other nothing. Always logs
+ * "set type[%d] value=%d" at level 4 and returns that write's result. */
+TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
+
+/* The log file a message of `level` goes to: NULL unless the file mask has
+ * `level`; the limited file for exactly 2, 4 or 8; the unlimited file for
+ * exactly 1 or 16; NULL for any other value or a file that did not open.
+ * The stream belongs to the library. */
+TQREDIS_API FILE *tqredis_get_log_fp(uint32_t level);
+
+/* Writes one line, "YYYYMMDD_hh:mm:ss.uuuuuu " and the formatted text, to
+ * the file chosen by `level`, then flushes it. A file that reached 32769
+ * bytes is written again from its start (not truncated). Returns 0 when no
+ * file takes the level, else the result of fflush. Takes no lock. */
+TQREDIS_API int tqredis_dbg_logfile(uint32_t level, const char *format, ...)
+    TQREDIS_PRINTF(2, 3);
+
+/* ---- Command commit threshold -------------------------------------------- */
+
+/* Sets the number of pipelined writes at which a connection's output buffer
+ * is written out (32 at load). No check of the value. */
+TQREDIS_API void tqredis_set_cmd_commit_thres(uint32_t thres);
+
+/* ---- Replies: checking, printing, converting, freeing -------------------- */
+
+/* Value kinds of tqredis_convert_reply_value() and the getters. */
+enum { TQREDIS_VALTYPE_INT = 0, TQREDIS_VALTYPE_STR = 1 };
+
+/* 1 if `reply` (not NULL) is usable: a string with text, an integer, a
+ * status, or an array whose elements are all usable (an empty array is
+ * usable but logs "elements zero"). Nil, error and unknown types are not
+ * (0), each logged at level 1. Unprefixed name, kept for the interface. */
+TQREDIS_API int check_reply(redisReply *reply);
+
+/* check_reply() that also takes NULL (logs "reply = NULL", gives 0) and
+ * prints an unusable reply at debug level 16. The caller still owns the
+ * reply afterwards. */
+TQREDIS_API int tqredis_check_reply(redisReply *reply);
+
+/* Frees a reply returned by the library; NULL is only logged. */
+TQREDIS_API void tqredis_free_reply(redisReply *reply);
+
+/* Prints a reply on stdout in the library's fixed form, only while
+ * g_tqredis_dbg_level has bit 16; never into the log files. */
+TQREDIS_API void tqredis_print_reply(redisReply *reply);
+
+/* Converts one reply: valtype 0 stores an integer reply's low 32 bits, or
+ * strtol(str, NULL, base) of any other reply, in *intval; valtype 1 stores
+ * str and len (pointing into the reply) in *strval and *len. Returns 0, -1
+ * for any other valtype (outputs untouched), -2 for a NULL reply or output
+ * pointer, or a text to convert that is missing. */
+TQREDIS_API int tqredis_convert_reply_value(redisReply *reply, int valtype,
+                                            int *intval, int base,
+                                            char **strval, int *len);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* TQREDIS_H_ */

@@ -1,0 +1,17 @@
+// The card information: which databases exist, this card's node, the master.
+#ifndef TQREDIS_SRC_CORE_CARDINFO_H_
+#define TQREDIS_SRC_CORE_CARDINFO_H_
+
+#include <cstdint>
+
+// A node field of 0xFFFFFFFF means "not known yet".
+struct tqredis_cardinfo {
+  uint32_t db_bitmap;    // bit n set: database n exists
+  uint32_t my_node;      // this card's node
+  uint32_t master_node;  // the master card's node
+};
+
+// Guarded by the global lock. Reset at load by tqredis_cardinfo_init().
+extern "C" tqredis_cardinfo g_tqredis_cardinfo;
+
+#endif  // TQREDIS_SRC_CORE_CARDINFO_H_

@@ -1,0 +1,37 @@
+// The global lock's private state and the scope guard used inside the library.
+#ifndef TQREDIS_SRC_CORE_LOCK_H_
+#define TQREDIS_SRC_CORE_LOCK_H_
+
+#include <pthread.h>
+
+#include <cstdint>
+
+// 1 once tqredis_init() saw (flag & 2); never cleared. A plain byte: it is
+// set once, before the host's threads use the library.
+extern "C" uint8_t g_tqredis_lock_enable;
+// Recursive; made at load whether or not it will be used, never destroyed.
+extern "C" pthread_mutex_t g_tqredis_mutex;
+
+namespace tqredis::detail {
+
+// Holds the global lock for one scope once tqredis_init() has enabled it;
+// does nothing before. Decided at entry, so the destructor releases exactly
+// what the constructor took. Recursive: locked paths may call each other.
+class ScopedLock {
+ public:
+  ScopedLock() : locked_(g_tqredis_lock_enable != 0) {
+    if (locked_) pthread_mutex_lock(&g_tqredis_mutex);
+  }
+  ~ScopedLock() {
+    if (locked_) pthread_mutex_unlock(&g_tqredis_mutex);
+  }
+  ScopedLock(const ScopedLock &) = delete;
+  ScopedLock &operator=(const ScopedLock &) = delete;
+
+ private:
+  const bool locked_;
+};
+
+}  // namespace tqredis::detail
+
+#endif  // TQREDIS_SRC_CORE_LOCK_H_

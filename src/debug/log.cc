@@ -1,0 +1,147 @@
+// Debug levels, the configuration file, the two bounded log files and their
+// writer.
+#include "debug/log.h"
+
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "tqredis.h"
+
+uint32_t g_tqredis_dbg_level = 0;
+uint32_t g_tqredis_file_level = TQREDIS_LOG_LIFE;
+uint32_t g_tqredis_timestat = 0;
+
+namespace {
+
+constexpr char kLogDir[] = "/tmp/tqredis/";
+constexpr char kConfigDir[] = "/data/tqredis/";
+// A file at or past this position is written again from its start.
+constexpr long kLogFileBound = 32769;
+
+// Opened once by tqredis_dbg_init(), never closed: they live as long as the
+// process. NULL when the open failed; their levels are then dropped.
+FILE *g_tqredis_limitlog_fp = nullptr;
+FILE *g_tqredis_unlimitlog_fp = nullptr;
+
+// Configuration keys. The number is read at the key's length from the start
+// of the line, wherever the key was found: a key is only understood at the
+// start of its line, deliberately.
+struct ConfigKey {
+  const char *key;
+  uint32_t *setting;
+};
+const ConfigKey kConfigKeys[] = {
+    {"dbglevel=", &g_tqredis_dbg_level},
+    {"filelevel=", &g_tqredis_file_level},
+    {"timestat=", &g_tqredis_timestat},
+};
+
+FILE *OpenLog(const char *suffix) {
+  char path[128];
+  std::snprintf(path, sizeof(path), "%s%s.%s", kLogDir, g_tqredis_proc_name,
+                suffix);
+  return std::fopen(path, "w+");
+}
+
+void ReadConfig() {
+  char path[128];
+  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir, g_tqredis_proc_name);
+  FILE *fp = std::fopen(path, "r");
+  if (fp == nullptr) return;  // no file: the defaults stay
+  char line[256] = {0};
+  // A longer line is read in pieces of 254 characters, each seen as a line.
+  while (std::fgets(line, 255, fp) != nullptr) {
+    for (const ConfigKey &entry : kConfigKeys) {
+      if (std::strstr(line, entry.key) == nullptr) continue;
+      *entry.setting = static_cast<uint32_t>(
+          std::strtoul(line + std::strlen(entry.key), nullptr, 0));
+      break;
+    }
+  }
+  std::fclose(fp);
+}
+
+}  // namespace
+
+int tqredis_dbg_init(void) {
+  // Made here when missing, so that a process on a fresh system still logs.
+  mkdir(kLogDir, 0777);
+  g_tqredis_limitlog_fp = OpenLog("limitlog");
+  g_tqredis_unlimitlog_fp = OpenLog("unlimitlog");
+  ReadConfig();
+  return 0;
+}
+
+FILE *tqredis_get_log_fp(uint32_t level) {
+  if ((level & g_tqredis_file_level) == 0) return nullptr;
+  switch (level) {
+    case TQREDIS_LOG_LIFE:
+    case TQREDIS_LOG_WARN:
+    case TQREDIS_LOG_ERROR:
+      return g_tqredis_limitlog_fp;
+    case TQREDIS_LOG_DATA:
+    case TQREDIS_LOG_DUMP:
+      return g_tqredis_unlimitlog_fp;
+    default:
+      return nullptr;  // a combination of bits is never written
+  }
+}
+
+// Takes no lock: lines of threads that do not hold the global lock may
+// interleave, which costs less than a lock on every line.
+int tqredis_dbg_logfile(uint32_t level, const char *format, ...) {
+  FILE *fp = tqredis_get_log_fp(level);
+  if (fp == nullptr) return 0;
+  // Keep the file bounded: overwrite the oldest lines from the start; the
+  // tail of older lines stays behind the write position.
+  if (std::ftell(fp) >= kLogFileBound) std::fseek(fp, 0, SEEK_SET);
+
+  struct timeval tv;
+  gettimeofday(&tv, nullptr);
+  const time_t seconds = tv.tv_sec;
+  struct tm tm;
+  std::memset(&tm, 0, sizeof(tm));
+  localtime_r(&seconds, &tm);
+  char stamp[32] = {0};
+  // A real date takes 24 characters; the bound only guards the buffer.
+  if (std::snprintf(stamp, 31, "%04d%02d%02d_%02d:%02d:%02d.%06lu",
+                    tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                    tm.tm_min, tm.tm_sec,
+                    static_cast<unsigned long>(tv.tv_usec)) < 0) {
+    stamp[0] = '\0';
+  }
+  std::fprintf(fp, "%s ", stamp);
+
+  va_list ap;
+  va_start(ap, format);
+  std::vfprintf(fp, format, ap);
+  va_end(ap);
+  // Flushed at once, so the file holds the latest events if the process dies.
+  return std::fflush(fp);
+}
+
+int tqredis_dbg_cfg(int type, uint32_t value) {
+  switch (type) {
+    case 0:
+      g_tqredis_dbg_level = value;
+      break;
+    case 1:
+      g_tqredis_file_level = value;
+      break;
+    case 2:
+      g_tqredis_timestat = value;
+      break;
+    case 3:
+      tqredis_set_cmd_commit_thres(value);
+      break;
+    default:
+      break;  // unknown: nothing changes, but the request is still logged
+  }
+  return TQ_LOG(tqredis::detail::kLogWarn, "set type[%d] value=%d\r\n", type,
+                static_cast<int>(value));
+}

@@ -1,0 +1,37 @@
+// Loads the library under whatever name it was started as, runs the actions
+// named on its command line and prints what a test needs to see, including
+// settings that the library keeps private.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "debug/log.h"
+#include "tqredis.h"
+
+extern "C" uint32_t g_tqredis_cmd_commit_thres;
+
+int main(int argc, char **argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "state") == 0) {
+      std::printf("name=[%s]\n", g_tqredis_proc_name);
+      std::printf("dbglevel=%u\n", static_cast<unsigned>(g_tqredis_dbg_level));
+      std::printf("filelevel=%u\n", static_cast<unsigned>(g_tqredis_file_level));
+      std::printf("timestat=%u\n", static_cast<unsigned>(g_tqredis_timestat));
+      std::printf("thres=%u\n", static_cast<unsigned>(g_tqredis_cmd_commit_thres));
+    } else if (std::strcmp(argv[i], "cfg") == 0 && i + 2 < argc) {
+      tqredis_dbg_cfg(std::atoi(argv[i + 1]),
+                      static_cast<uint32_t>(std::strtoul(argv[i + 2], nullptr, 0)));
+      i += 2;
+    } else if (std::strcmp(argv[i], "init") == 0 && i + 1 < argc) {
+      std::printf("init=%d\n",
+                  tqredis_init(nullptr, 0, nullptr,
+                               static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 0))));
+      i += 1;
+    } else {
+      std::printf("unknown action %s\n", argv[i]);
+      return 2;
+    }
+  }
+  std::fflush(stdout);
+  return 0;
+}
