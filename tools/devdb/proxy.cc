@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -73,8 +74,7 @@ bool IsSubscribe(const redisReply *request) {
 
 bool IsUnsubscribe(const redisReply *request) {
   return ArgIs(request, 0, "unsubscribe") ||
-         ArgIs(request, 0, "punsubscribe") ||
-         ArgIs(request, 0, "sunsubscribe");
+         ArgIs(request, 0, "punsubscribe") || ArgIs(request, 0, "sunsubscribe");
 }
 
 // A subscription's message, which no request asked for.
@@ -82,8 +82,7 @@ bool IsPush(const redisReply *reply) {
   if (reply->type != REDIS_REPLY_ARRAY || reply->elements < 3 ||
       reply->element[0]->type != REDIS_REPLY_STRING)
     return false;
-  const std::string_view kind(reply->element[0]->str,
-                              reply->element[0]->len);
+  const std::string_view kind(reply->element[0]->str, reply->element[0]->len);
   return kind == "message" || kind == "pmessage" || kind == "smessage";
 }
 
@@ -93,8 +92,7 @@ bool IsSubscriptionCount(const redisReply *reply) {
       reply->element[0]->type != REDIS_REPLY_STRING ||
       reply->element[2]->type != REDIS_REPLY_INTEGER)
     return false;
-  const std::string_view kind(reply->element[0]->str,
-                              reply->element[0]->len);
+  const std::string_view kind(reply->element[0]->str, reply->element[0]->len);
   return kind.size() >= 9 &&
          kind.substr(kind.size() - 9) == "subscribe";  // also "unsubscribe"
 }
@@ -131,8 +129,7 @@ bool Proxy::Listen(int db, std::string *error) {
     *error = "socket path too long: " + path;
     return false;
   }
-  const int fd =
-      socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     *error = std::string("socket: ") + std::strerror(errno);
     return false;
@@ -318,7 +315,6 @@ void Proxy::ReadServer(Conn *c) {
   // One pipelined round of look-ups for every pmessage of this read keeps
   // the notifications in order at the cost of one round trip per read.
   redisContext *admin = nullptr;
-  size_t asked = 0;
   for (Frame &f : frames) {
     KeyRef ref;
     if (!f.rewrite || !KeyOfPmessage(f.reply.get(), &ref)) continue;
@@ -328,7 +324,6 @@ void Proxy::ReadServer(Conn *c) {
     const int argc = LookupArgv(ref, argv, argvlen);
     if (redisAppendCommandArgv(admin, argc, argv, argvlen) != REDIS_OK) break;
     f.lookup = true;
-    ++asked;
   }
   for (Frame &f : frames) {
     if (!f.lookup) continue;
@@ -339,7 +334,6 @@ void Proxy::ReadServer(Conn *c) {
     }
     f.value.reset(static_cast<redisReply *>(value));
   }
-  (void)asked;
   for (Frame &f : frames) Deliver(c, &f);
   DrainLocal(c);
   Flush(c);
@@ -437,8 +431,8 @@ void Proxy::Flush(Conn *c) {
 
 void Proxy::AcceptCtl() {
   for (;;) {
-    const int fd = accept4(ctl_fd_, nullptr, nullptr,
-                           SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int fd =
+        accept4(ctl_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
     auto k = std::make_unique<CtlConn>();
     k->fd = fd;
@@ -488,9 +482,9 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
       char line[160];
       std::snprintf(line, sizeof line,
                     "%.*s ping-error=%s ping-status=%lld refuse=%s\n",
-                    static_cast<int>(kDbNames[db].size()),
-                    kDbNames[db].data(), f.ping_error ? "on" : "off",
-                    f.ping_status_left, f.refusing ? "on" : "off");
+                    static_cast<int>(kDbNames[db].size()), kDbNames[db].data(),
+                    f.ping_error ? "on" : "off", f.ping_status_left,
+                    f.refusing ? "on" : "off");
       text += line;
     }
     AppendBulk(reply, text);
@@ -507,18 +501,18 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
   if (verb == "ping-error" && argc <= 3) {
     for (int db = first; db <= last; ++db) {
       dbs_[db].faults.ping_error = true;
-      dbs_[db].faults.ping_error_text =
-          argc == 3 ? std::string(ArgText(request, 2))
-                    : std::string(kDefaultPingError);
+      dbs_[db].faults.ping_error_text = argc == 3
+                                            ? std::string(ArgText(request, 2))
+                                            : std::string(kDefaultPingError);
     }
     AppendStatus(reply, "OK");
   } else if (verb == "ping-status" && (argc == 3 || argc == 4) &&
              ParseCount(ArgText(request, 2), &number)) {
     for (int db = first; db <= last; ++db) {
       dbs_[db].faults.ping_status_left = number;
-      dbs_[db].faults.ping_status_text =
-          argc == 4 ? std::string(ArgText(request, 3))
-                    : std::string(kDefaultPingStatus);
+      dbs_[db].faults.ping_status_text = argc == 4
+                                             ? std::string(ArgText(request, 3))
+                                             : std::string(kDefaultPingStatus);
     }
     AppendStatus(reply, "OK");
   } else if (verb == "close" && argc == 2) {
@@ -682,10 +676,9 @@ void Proxy::Run(const volatile sig_atomic_t *stop, const sigset_t *wait_mask,
     }
     for (auto &c : conns_)
       if (c->dead) CloseConn(c.get());
-    conns_.erase(std::remove_if(conns_.begin(), conns_.end(),
-                                [](const std::unique_ptr<Conn> &c) {
-                                  return c->fd < 0;
-                                }),
+    conns_.erase(std::remove_if(
+                     conns_.begin(), conns_.end(),
+                     [](const std::unique_ptr<Conn> &c) { return c->fd < 0; }),
                  conns_.end());
     for (auto &k : ctls_)
       if (k->dead && k->fd >= 0) {

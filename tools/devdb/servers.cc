@@ -94,8 +94,8 @@ bool PrepareAttached(const std::string &socket, std::string *error) {
     if (c != nullptr) redisFree(c);
     return false;
   }
-  ReplyPtr reply(static_cast<redisReply *>(redisCommand(
-      c, "CONFIG SET notify-keyspace-events %s", kNotifyEvents)));
+  ReplyPtr reply(static_cast<redisReply *>(
+      redisCommand(c, "CONFIG SET notify-keyspace-events %s", kNotifyEvents)));
   const bool ok = reply && reply->type == REDIS_REPLY_STATUS;
   if (!ok) *error = "cannot enable keyspace notifications on " + socket;
   redisFree(c);

@@ -76,8 +76,8 @@ std::string FormatStatusLine(std::string_view server_line,
   AddWord(&line, "addr", addr);
   line.push_back(' ');
   AddFigure(&line, "fd", fd);
-  for (const char *key : {"name", "age", "idle", "flags", "db", "sub", "psub",
-                          "multi"}) {
+  for (const char *key :
+       {"name", "age", "idle", "flags", "db", "sub", "psub", "multi"}) {
     const std::string_view k(key);
     line.push_back(' ');
     const std::string_view value = FieldOf(server_line, k);
@@ -89,9 +89,10 @@ std::string FormatStatusLine(std::string_view server_line,
   const struct {
     const char *key;
     long long value;
-  } own[] = {{"cmd_num", figures.cmd_num},     {"cmd_per_sec", figures.cmd_per_sec},
-             {"in_bytes", figures.in_bytes},   {"out_bytes", figures.out_bytes},
-             {"in_bps", figures.in_bps},       {"out_bps", figures.out_bps}};
+  } own[] = {
+      {"cmd_num", figures.cmd_num},   {"cmd_per_sec", figures.cmd_per_sec},
+      {"in_bytes", figures.in_bytes}, {"out_bytes", figures.out_bytes},
+      {"in_bps", figures.in_bps},     {"out_bps", figures.out_bps}};
   for (const auto &figure : own) {
     line.push_back(' ');
     AddFigure(&line, figure.key, figure.value);

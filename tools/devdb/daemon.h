@@ -1,0 +1,35 @@
+// Running the emulator: in the foreground, in the background with a pid
+// file, and stopping or asking after a background one.
+#ifndef TQREDIS_TOOLS_DEVDB_DAEMON_H_
+#define TQREDIS_TOOLS_DEVDB_DAEMON_H_
+
+#include <cstddef>
+#include <string>
+
+#include "topology.h"
+
+namespace devdb {
+
+struct RunOptions {
+  std::string dir = kDefaultDir;
+  std::string attach[kDbCount];  // a running server's socket, or empty
+  std::string redis_server = "redis-server";
+  std::string log;  // background output; empty: discarded
+  size_t max_request = 64u << 20;
+  int ready_fd = -1;  // gets "ok\n" once serving, or the reason it failed
+};
+
+// Serves in this process until SIGTERM, SIGINT or SIGHUP, then stops its
+// servers and removes its sockets, pid file and private folder. Exit code.
+int Serve(const RunOptions &options);
+// Serves in a detached child; returns once it serves (0) or failed (1).
+int Start(const RunOptions &options);
+// Stops the emulator of `dir`, waiting until it is gone. 0 also when none
+// was running.
+int Stop(const std::string &dir);
+// 0 and its pid on stdout when the emulator of `dir` runs; 3 otherwise.
+int Status(const std::string &dir);
+
+}  // namespace devdb
+
+#endif  // TQREDIS_TOOLS_DEVDB_DAEMON_H_
