@@ -278,6 +278,74 @@ TQREDIS_API int tqredis_convert_reply_value(redisReply *reply, int valtype,
                                             int *intval, int base,
                                             char **strval, int *len);
 
+/* ---- Key value getters ---------------------------------------------------- */
+/* Each getter checks the whole reply first (tqredis_check_reply), then its
+ * own arguments, then converts one element. None frees the reply; strings
+ * handed out point into it. Outputs are written only when 0 is returned.
+ * Bases go unchanged to strtol (0 lets the text choose); a negative base is
+ * refused. Rejected replies are printed at debug level 16. */
+
+/* The core, without argument checks: an integer reply read as an integer
+ * (valtype 0), or a string reply read either way. -4 for an integer reply
+ * asked as a string and for any other type; -1 for an unknown valtype;
+ * -2 for a NULL reply. */
+TQREDIS_API int tqredis_get_key_reply(redisReply *reply, int valtype,
+                                      int *intval, int base, char **strval,
+                                      int *len);
+
+/* The reply's value as an int: 0, -2 (unusable reply, NULL output, negative
+ * base), -4 (not an integer or string reply). */
+TQREDIS_API int tqredis_get_key_reply_intval(redisReply *reply, int *intval,
+                                             int base);
+
+/* The reply's text and length: 0, -2 (unusable reply or NULL output), -4
+ * (integer or other non-string reply). */
+TQREDIS_API int tqredis_get_key_reply_strval(redisReply *reply, char **strval,
+                                             int *len);
+
+/* 1 if `reply` is an array with a usable element `index`, else 0 (logged). */
+TQREDIS_API int tqredis_check_array_reply(redisReply *reply, uint32_t index);
+
+/* Element `index` of an array reply as an int / as text: 0, -2 (unusable
+ * reply, bad index, NULL output, negative base), -4 (element of another
+ * type). Every element of the array must be usable. */
+TQREDIS_API int tqredis_get_key_array_reply_intval(redisReply *reply,
+                                                   int index, int *intval,
+                                                   int base);
+TQREDIS_API int tqredis_get_key_array_reply_strval(redisReply *reply,
+                                                   int index, char **strval,
+                                                   int *len);
+
+/* In a field/value array (HGETALL), the value element of the first field
+ * equal to `field` (case-sensitive); NULL when absent or when the array's
+ * length is odd or below 2. The element belongs to the reply. */
+TQREDIS_API redisReply *tqredis_search_field_element(redisReply *reply,
+                                                     const char *field);
+
+/* The value of `field` in a field/value array: 0, -1 (unknown valtype), -4
+ * (not an array), -5 (no such field). No argument checks. */
+TQREDIS_API int tqredis_get_key_reply_by_field(redisReply *reply,
+                                               const char *field, int valtype,
+                                               int *intval, int base,
+                                               char **strval, int *len);
+
+/* The same, checked, as an int / as text: 0, -2 (unusable reply, NULL
+ * argument, negative base), -4, -5. */
+TQREDIS_API int tqredis_get_key_reply_intval_by_field(redisReply *reply,
+                                                      const char *field,
+                                                      int *intval, int base);
+TQREDIS_API int tqredis_get_key_reply_strval_by_field(redisReply *reply,
+                                                      const char *field,
+                                                      char **strval, int *len);
+
+/* Members of a set reply (SMEMBERS), or -1 for an unusable, non-array or
+ * empty reply: an empty set gives -1, not 0. */
+TQREDIS_API int tqredis_get_sets_size(redisReply *reply);
+
+/* Field/value pairs of a hash reply (HGETALL), or -1 for an unusable,
+ * non-array, empty or odd-sized reply. */
+TQREDIS_API int tqredis_get_hashes_size(redisReply *reply);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

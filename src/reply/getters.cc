@@ -1,0 +1,2 @@
+// Typed getters over replies: one core, thin checked entries.
+#include "tqredis.h"
