@@ -18,9 +18,9 @@ namespace devdb {
 
 namespace {
 
-// Keyspace events of every class ("A") on the keyspace channels ("K"): the
-// device's servers publish them all.
-constexpr char kNotifyEvents[] = "KA";
+// Events of every class ("A") on the keyspace channels ("K"), which the
+// device's servers publish, and on the keyevent channels ("E") as well.
+constexpr char kNotifyEvents[] = "KEA";
 
 bool Answers(const std::string &socket) {
   timeval tv{0, 200000};

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 
 namespace devdbtest {
@@ -36,7 +37,8 @@ bool WaitReadable(int fd, int64_t deadline) {
 
 std::vector<char *> Argv(const std::vector<std::string> &args) {
   std::vector<char *> argv;
-  for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  for (const std::string &a : args)
+    argv.push_back(const_cast<char *>(a.c_str()));
   argv.push_back(nullptr);
   return argv;
 }
@@ -128,6 +130,17 @@ void WriteAll(int fd, const std::string &bytes) {
   }
 }
 
+bool ProcessGone(pid_t pid) {
+  if (kill(pid, 0) != 0) return true;
+  // Reparented to an init that does not reap: a zombie serves nothing.
+  FILE *f = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+  if (f == nullptr) return true;
+  char state = '?';
+  if (std::fscanf(f, "%*d (%*[^)]) %c", &state) != 1) state = '?';
+  std::fclose(f);
+  return state == 'Z';
+}
+
 bool ClosedByPeer(int fd) {
   const int64_t deadline = NowMs() + kWaitMs;
   char buf[4096];
@@ -140,13 +153,14 @@ bool ClosedByPeer(int fd) {
 }
 
 void DevdbTest::StartEmulator(const std::vector<std::string> &extra) {
+  signal(SIGPIPE, SIG_IGN);  // tests write to connections the emulator closed
   char templ[] = "/tmp/devdb.XXXXXX";
   ASSERT_NE(mkdtemp(templ), nullptr);
   dir_ = templ;
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
-  std::vector<std::string> args = {DEVDB_PATH, "run", "--dir", dir_,
-                                   "--ready-fd", "3"};
+  std::vector<std::string> args = {DEVDB_PATH, "run",        "--dir",
+                                   dir_,       "--ready-fd", "3"};
   args.insert(args.end(), extra.begin(), extra.end());
   std::vector<char *> argv = Argv(args);
   pid_ = fork();

@@ -41,6 +41,8 @@ std::vector<std::string> ReadLinesUntil(int fd, const std::string &last);
 // A raw unix-socket connection, for exact bytes.
 int ConnectRaw(const std::string &path);
 void WriteAll(int fd, const std::string &bytes);
+// True when `pid` has ended (a zombie counts as ended).
+bool ProcessGone(pid_t pid);
 // True when the peer closes the connection within 10 s (data before the
 // close is skipped).
 bool ClosedByPeer(int fd);
@@ -54,9 +56,7 @@ class DevdbTest : public testing::Test {
   // waits until it serves.
   void StartEmulator(const std::vector<std::string> &extra);
 
-  std::string Socket(const char *db) const {
-    return dir_ + "/" + db + ".sock";
-  }
+  std::string Socket(const char *db) const { return dir_ + "/" + db + ".sock"; }
   ContextPtr Connect(const char *db = "redis_host") const;
   ReplyPtr Command(redisContext *c, const std::vector<std::string> &args);
   ReplyPtr Next(redisContext *c);  // the next reply; 10 s at most

@@ -1,4 +1,6 @@
 // Notifications through the emulator carry the key's value as a fifth element.
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,10 +62,10 @@ TEST_F(DevdbPubsub, SetNotificationCarriesTheNewValue) {
   ReplyPtr n = NextEvent(sub.get(), "set");
   ASSERT_TRUE(n);
   ASSERT_EQ(n->elements, 5u);
-  EXPECT_EQ(Strings(n.get()),
-            (std::vector<std::string>{"pmessage", "__keyspace@0__:*",
-                                      "__keyspace@0__:/a/b", "set",
-                                      "hello world"}));
+  EXPECT_EQ(
+      Strings(n.get()),
+      (std::vector<std::string>{"pmessage", "__keyspace@0__:*",
+                                "__keyspace@0__:/a/b", "set", "hello world"}));
   EXPECT_EQ(n->element[4]->type, REDIS_REPLY_STRING);
 }
 
@@ -199,8 +201,8 @@ TEST_F(DevdbPubsub, RedisCliPrintsTheFifthElement) {
   ASSERT_GT(cli, 0);
   // The confirmation's count, printed once the subscription stands.
   const std::vector<std::string> head = ReadLinesUntil(out, "1");
-  ASSERT_EQ(head, (std::vector<std::string>{"psubscribe", "__keyspace@0__:*",
-                                            "1"}));
+  ASSERT_EQ(head,
+            (std::vector<std::string>{"psubscribe", "__keyspace@0__:*", "1"}));
   ContextPtr writer = Connect();
   Command(writer.get(), {"SET", "cli", "seen"});
   EXPECT_EQ(ReadLinesUntil(out, "seen"),
