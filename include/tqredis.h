@@ -27,6 +27,7 @@
 #ifndef TQREDIS_H_
 #define TQREDIS_H_
 
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 
@@ -179,20 +180,146 @@ TQREDIS_API int tqredis_db_exist(uint32_t db);
  * stdout, lines ending in "\r\n". Takes the global lock. */
 TQREDIS_API void tqredis_basic_stats_show(void);
 
-/* Fills the connection table with its endpoints and resets the card
- * information. Called by the constructor; opens no connection. */
-TQREDIS_API void tqredis_init_connect_mng(void);
-
 /* Registers the subscription table and the data check function; called by
  * tqredis_init() with its first three arguments. Returns 0. */
 TQREDIS_API int tqredis_init_pubsub(pubsub_mng *mng, int mng_size,
                                     tqredis_data_check_f data_check_f);
 
 /* ---- Card information ---------------------------------------------------- */
+/* Which databases exist, this card's node and the master's. Commands wait
+ * until it is read. All of it runs under the global lock. */
 
 /* Resets the card information to "not read": all three databases present,
  * this card's node and the master's unknown. Called at load. */
 TQREDIS_API void tqredis_cardinfo_init(void);
+
+/* 1 when the card information has been read, else 0. */
+TQREDIS_API int tqredis_cardinfo_is_readed(void); /* sic: exported as spelled */
+
+/* The reading step: this card is its own master, all databases present. On
+ * a change of master (the first reading included) the write slots of
+ * databases 0 and 1 are dropped (a live one ends the process) and return to
+ * unix-socket mode. Returns 0. */
+TQREDIS_API int tqredis_parse_cardinfo(void);
+
+/* tqredis_parse_cardinfo(), then logs the card information at level 2. */
+TQREDIS_API int tqredis_get_cardinfo(void);
+
+/* 1 when a command on `db` may go on (tqredis_init() has run and, for
+ * databases 0 and 1, the card information is read). Otherwise connects what
+ * is missing, reads the card information when redis_host is reachable,
+ * sleeps one second with the global lock released, and returns 0: call it
+ * again. REQUIRES: the caller holds the global lock (when enabled). */
+TQREDIS_API int tqredis_wait_cardinfo_ready(uint32_t db);
+
+/* Prints the card information on stdout ("cardinfo:" and three fields).
+ * Takes the global lock. */
+TQREDIS_API void tqredis_cardinfo_stats_show(void);
+
+/* ---- Connection table ----------------------------------------------------- */
+
+/* One connection slot; the library keeps one per (operation, database). */
+typedef struct tqredis_conn_slot {
+  redisContext *context;   /* owned by the library; NULL: not connected */
+  uint32_t mode;           /* 0 unix socket at unixpath, 1 TCP */
+  char unixpath[128];
+  char hostname[16];       /* host text handed to the TCP connect */
+  int32_t hostport;
+  uint32_t append_cmd_num; /* pipelined commands not yet written out */
+  uint32_t connect_num;    /* successful connects since load */
+  uint32_t datacheck_num;  /* data checks asked (pubsub slots) */
+} tqredis_conn_slot;
+
+/* Fills the connection table with its endpoints and resets the card
+ * information. Called by the constructor; opens no connection. */
+TQREDIS_API void tqredis_init_connect_mng(void);
+
+/* 1 if slot [op][db] is connected, else 0. Bad ids: 0, logged at level 8
+ * "input arguments invalid, op=%d db=%d". Note the order: database first. */
+TQREDIS_API int tqredis_db_is_connected(uint32_t db, uint32_t op);
+
+/* The slot's hiredis context, NULL when not connected or for bad ids. The
+ * context stays the library's: never free it. */
+TQREDIS_API redisContext *tqredis_get_context(uint32_t db, uint32_t op);
+
+/* Switches the write slots of databases 0 and 1: `local` non-zero gives
+ * unix-socket mode and port 0, zero gives TCP to `port`. Connections are
+ * left as they are. */
+TQREDIS_API void tqredis_refresh_write_connect_mng(uint8_t local, int32_t port);
+
+/* Whether database `db` needs its own write connection on this card: 1 (not
+ * the master), 0 (the master, or db 2), -1 (card information not read). */
+TQREDIS_API int tqredis_get_write_connext_stats(uint32_t db); /* sic */
+
+/* ---- Connecting and readiness --------------------------------------------- */
+/* All of it runs under the global lock, taken by the public entries. */
+
+/* Opens a connection to the slot's endpoint with a one-second time-out.
+ * Returns the new context (the caller owns it) or NULL, logged at level 8.
+ * The slot is not changed. */
+TQREDIS_API redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
+                                                tqredis_conn_slot *slot);
+
+/* PINGs `ctx` until the server answers "PONG", sleeping one second between
+ * other answers, without limit. 0 on "PONG"; -1 when the reply is missing
+ * or an error (logged at level 4 "%s %s ping fail"). */
+TQREDIS_API int tqredis_db_wait_ready(uint32_t db, uint32_t op,
+                                      redisContext *ctx);
+
+/* Names the connection "<process>-<operation>" on the server. 0 or -1. */
+TQREDIS_API int tqredis_set_client_name(uint32_t db, uint32_t op,
+                                        redisContext *ctx);
+
+/* Connects slot [op][db] (connect, PING until "PONG", set the name). 0 when
+ * connected now or already (no traffic then), -1 on failure. */
+TQREDIS_API int tqredis_connect(uint32_t db, uint32_t op);
+
+/* Connects every slot this card uses that is not connected yet: read and
+ * pubsub of each existing database, write of databases 0 and 1 on a card
+ * that is not the master. Takes no lock. Returns the last step's result. */
+TQREDIS_API int tqredis_db_connect_nolock(void);
+
+/* tqredis_db_connect_nolock() under the global lock. */
+TQREDIS_API void tqredis_db_connect(void);
+
+/* Drops slot [op][db] (note: operation first). A slot that was never
+ * connected is left alone and the call returns. A live connection is freed
+ * and the process ends through tqredis_exit(): a lost connection is never
+ * repaired in place. */
+TQREDIS_API void tqredis_disconnect(uint32_t op, uint32_t db);
+
+/* Logs, copies "/tmp/tqredis//<process>.limitlog" into
+ * "/var/tmp/coredump/" (cp, run without a shell) and ends the process with
+ * exit(0). Does not return. */
+TQREDIS_API void tqredis_exit(uint32_t db);
+
+/* ---- Reconnection --------------------------------------------------------- */
+
+/* The reconnection thread's argument. */
+typedef struct tqredis_reconnect_arg {
+  uint32_t db;
+  uint32_t op;
+} tqredis_reconnect_arg;
+
+/* Drops slot [op][db] (a live one ends the process), then, unless
+ * (flag & 2), reconnects it, blocking until it is connected: 0. With
+ * (flag & 2) returns -1 at once. */
+TQREDIS_API int tqredis_db_try_reconnect(uint32_t db, uint32_t op,
+                                         uint32_t flag);
+
+/* Starts the reconnection thread for slot [op][db] and waits for it: returns
+ * once the slot is connected, however long that takes. */
+TQREDIS_API int tqredis_db_reconnect(uint32_t db, uint32_t op);
+
+/* The reconnection thread: connects everything missing once a second until
+ * its slot is connected. Takes no lock: its starter holds it. Returns NULL. */
+TQREDIS_API void *tqredis_reconnect_thread(void *arg);
+
+/* Copies the ids out of a tqredis_reconnect_arg: 0, or -1 for NULL or
+ * out-of-range ids (outputs untouched). */
+TQREDIS_API int tqredis_get_reconnect_db_op(void *arg, uint32_t *db,
+                                            uint32_t *op);
+
 
 /* ---- Global lock and sleep ----------------------------------------------- */
 
@@ -240,11 +367,62 @@ TQREDIS_API FILE *tqredis_get_log_fp(uint32_t level);
 TQREDIS_API int tqredis_dbg_logfile(uint32_t level, const char *format, ...)
     TQREDIS_PRINTF(2, 3);
 
-/* ---- Command commit threshold -------------------------------------------- */
+/* ---- Commands ------------------------------------------------------------- */
+
+/* Flag bits of tqredis_db_command(). */
+enum {
+  TQREDIS_CMD_COMMIT = 1,      /* write out the pipeline now */
+  TQREDIS_CMD_NO_RECONNECT = 2 /* give up instead of reconnecting */
+};
+
+/* Runs one command (a hiredis format and its arguments) on database `db`.
+ * op 0 (read): sent on the read connection and waited for; returns the
+ * reply, which the caller frees with tqredis_free_reply() (it may be an
+ * error or nil reply: check it). op 1 (write) and 2 (pubsub): appended to
+ * the connection's pipeline, written out once the commit threshold is
+ * reached, on TQREDIS_CMD_COMMIT, or on the pump's idle tick; returns NULL
+ * whether or not it worked. The replies of pipelined writes are never read,
+ * so a later read on the same connection receives the oldest unread reply.
+ * Blocks while the card information is unknown or before tqredis_init()
+ * (one-second steps) and while a connection is being re-established, unless
+ * TQREDIS_CMD_NO_RECONNECT. A connection lost while it was live ends the
+ * process. NULL without blocking for db or op above 2 or a NULL format.
+ * `ignored` has no effect (pass -1). Holds the global lock throughout. */
+TQREDIS_API redisReply *tqredis_db_command(int db, int op, int ignored,
+                                           uint32_t flag, const char *format,
+                                           ...) TQREDIS_PRINTF(5, 6);
 
 /* Sets the number of pipelined writes at which a connection's output buffer
  * is written out (32 at load). No check of the value. */
 TQREDIS_API void tqredis_set_cmd_commit_thres(uint32_t thres);
+
+/* Writes out slot [op][db]'s pipeline when due: with (flag & 1) when
+ * anything is pending, else once the threshold is reached. 0 when nothing
+ * was due, the slot is not connected, or the write completed; -1 when the
+ * write failed. REQUIRES: the global lock. */
+TQREDIS_API int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag);
+
+/* Writes out the pipelines of every read and write slot. Takes the lock. */
+TQREDIS_API void tqredis_commit_command_all(void);
+
+/* 1 when db and op are below 3 and format is not NULL; else logs at level 8
+ * "input arguments invalid, db=%d op=%d" and returns 0. */
+TQREDIS_API int tqredis_db_command_param_check(uint32_t db, uint32_t op,
+                                               const char *format);
+
+/* The operation of the slot that carries a command of `op` on `db`: writes
+ * use the write slot only on a card that is not the master. */
+TQREDIS_API int tqredis_calc_dbop(uint32_t db, uint32_t op);
+
+/* Runs one command on slot [dbop][db] (op is the caller's). 0 on success,
+ * the reply of a read stored in *reply_out (the caller's); -1 on failure,
+ * logged at level 8. REQUIRES: the global lock and a connected slot. */
+TQREDIS_API int tqredis_exec_command(uint32_t db, uint32_t op, uint32_t dbop,
+                                     uint32_t flag, const char *format,
+                                     va_list ap, redisReply **reply_out);
+
+/* Counts one data check on the pubsub slot of `db`. REQUIRES: the lock. */
+TQREDIS_API void tqredis_datacheck_num_inc(uint32_t db);
 
 /* ---- Replies: checking, printing, converting, freeing -------------------- */
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/cardinfo.h"
+#include "debug/log.h"
 #include "tqredis.h"
 
 tqredis_conn_slot g_tqredis_connect_mng[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};
@@ -33,4 +34,49 @@ void tqredis_init_connect_mng(void) {
       slot.hostport = 0;
     }
   }
+}
+
+namespace {
+
+// The slot of a checked (db, op), or NULL after logging the bad ids under the
+// caller's name and line.
+tqredis_conn_slot *CheckedSlot(uint32_t db, uint32_t op, const char *func,
+                               int line) {
+  if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) {
+    TQ_LOG_FROM(func, line, tqredis::detail::kLogError,
+                "input arguments invalid, op=%d db=%d\r\n", static_cast<int>(op),
+                static_cast<int>(db));
+    return nullptr;
+  }
+  return &g_tqredis_connect_mng[op][db];
+}
+
+}  // namespace
+
+// Read without the lock by design: one aligned pointer.
+int tqredis_db_is_connected(uint32_t db, uint32_t op) {
+  const tqredis_conn_slot *slot = CheckedSlot(db, op, __func__, __LINE__);
+  return slot != nullptr && slot->context != nullptr ? 1 : 0;
+}
+
+redisContext *tqredis_get_context(uint32_t db, uint32_t op) {
+  const tqredis_conn_slot *slot = CheckedSlot(db, op, __func__, __LINE__);
+  return slot != nullptr ? slot->context : nullptr;
+}
+
+void tqredis_refresh_write_connect_mng(uint8_t local, int32_t port) {
+  for (int db = TQREDIS_DB_DE_GLOBAL; db <= TQREDIS_DB_CE_GLOBAL; ++db) {
+    tqredis_conn_slot &slot = g_tqredis_connect_mng[TQREDIS_OP_WRITE][db];
+    slot.mode = local ? 0 : 1;
+    slot.hostport = local ? 0 : port;
+  }
+}
+
+int tqredis_get_write_connext_stats(uint32_t db) {
+  if (db == TQREDIS_DB_HOST) return 0;  // always written through its read slot
+  if (g_tqredis_cardinfo.my_node == 0xFFFFFFFFu ||
+      g_tqredis_cardinfo.master_node == 0xFFFFFFFFu) {
+    return -1;
+  }
+  return g_tqredis_cardinfo.my_node != g_tqredis_cardinfo.master_node ? 1 : 0;
 }

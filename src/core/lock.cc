@@ -14,6 +14,15 @@
 uint8_t g_tqredis_lock_enable = 0;
 pthread_mutex_t g_tqredis_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+namespace {
+// Levels of the mutex this thread holds through tqredis_lock().
+thread_local unsigned t_lock_depth = 0;
+}  // namespace
+
+namespace tqredis::detail {
+unsigned LockDepth() { return t_lock_depth; }
+}  // namespace tqredis::detail
+
 void tqredis_lock_init(void) {
   pthread_mutexattr_t attr;
   // Every step runs even after a failure; one report covers them all.
@@ -33,11 +42,17 @@ void tqredis_lock_init(void) {
 // The mutex results are deliberately not looked at: a recursive mutex made at
 // load cannot fail to lock or unlock for its owner.
 void tqredis_lock(void) {
-  if (g_tqredis_lock_enable) pthread_mutex_lock(&g_tqredis_mutex);
+  if (!g_tqredis_lock_enable) return;
+  pthread_mutex_lock(&g_tqredis_mutex);
+  ++t_lock_depth;
 }
 
+// Releases one level this thread took; a thread that holds nothing (the lock
+// was off when it came in) has nothing to release.
 void tqredis_unlock(void) {
-  if (g_tqredis_lock_enable) pthread_mutex_unlock(&g_tqredis_mutex);
+  if (t_lock_depth == 0) return;
+  --t_lock_depth;
+  pthread_mutex_unlock(&g_tqredis_mutex);
 }
 
 int select_sleep(int sec, int usec) {

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "tqredis.h"
+
 // 1 once tqredis_init() saw (flag & 2); never cleared. A plain byte: it is
 // set once, before the host's threads use the library.
 extern "C" uint8_t g_tqredis_lock_enable;
@@ -14,22 +16,25 @@ extern "C" pthread_mutex_t g_tqredis_mutex;
 
 namespace tqredis::detail {
 
+// Levels of the global lock the calling thread holds. The lock can be
+// switched on while a thread is inside the library; counting what each
+// thread really took keeps every unlock matched to a lock of its own.
+unsigned LockDepth();
+
 // Holds the global lock for one scope once tqredis_init() has enabled it;
 // does nothing before. Decided at entry, so the destructor releases exactly
 // what the constructor took. Recursive: locked paths may call each other.
 class ScopedLock {
  public:
-  ScopedLock() : locked_(g_tqredis_lock_enable != 0) {
-    if (locked_) pthread_mutex_lock(&g_tqredis_mutex);
-  }
+  ScopedLock() : depth_(LockDepth()) { tqredis_lock(); }
   ~ScopedLock() {
-    if (locked_) pthread_mutex_unlock(&g_tqredis_mutex);
+    if (LockDepth() > depth_) tqredis_unlock();
   }
   ScopedLock(const ScopedLock &) = delete;
   ScopedLock &operator=(const ScopedLock &) = delete;
 
  private:
-  const bool locked_;
+  const unsigned depth_;
 };
 
 }  // namespace tqredis::detail

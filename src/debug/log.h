@@ -34,13 +34,18 @@ enum LogLevel : uint32_t {
 // formatting), then hands the same line to the file writer, which tests the
 // file mask. An expression whose value is the file writer's result.
 // Arguments are evaluated twice: pass no side effects, and copy errno first.
-#define TQ_LOG(level, fmt, ...)                                              \
+#define TQ_LOG(level, fmt, ...) \
+  TQ_LOG_FROM(__func__, __LINE__, level, fmt, ##__VA_ARGS__)
+
+// The same for a helper that logs on behalf of the exported function named
+// `func`, whose name the line must carry.
+#define TQ_LOG_FROM(func, line, level, fmt, ...)                              \
   (((g_tqredis_dbg_level & (level))                                          \
         ? static_cast<void>(std::printf(TQREDIS_LOG_PREFIX fmt,              \
-                                        g_tqredis_proc_name, __func__,       \
-                                        __LINE__, ##__VA_ARGS__))            \
+                                        g_tqredis_proc_name, (func), (line), \
+                                        ##__VA_ARGS__))                      \
         : static_cast<void>(0)),                                             \
    tqredis_dbg_logfile((level), TQREDIS_LOG_PREFIX fmt, g_tqredis_proc_name, \
-                       __func__, __LINE__, ##__VA_ARGS__))
+                       (func), (line), ##__VA_ARGS__))
 
 #endif  // TQREDIS_SRC_DEBUG_LOG_H_
