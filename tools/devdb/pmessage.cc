@@ -57,11 +57,23 @@ bool KeyOfPmessage(const redisReply *pmessage, KeyRef *ref) {
   return true;
 }
 
-int LookupArgv(const KeyRef &ref, const char *argv[5], size_t argvlen[5]) {
-  argv[0] = "EVAL";
-  argvlen[0] = 4;
-  argv[1] = kLookupScript;
-  argvlen[1] = sizeof kLookupScript - 1;
+std::string_view LookupScript() {
+  return std::string_view(kLookupScript, sizeof kLookupScript - 1);
+}
+
+int LookupArgv(const KeyRef &ref, std::string_view sha, const char *argv[5],
+               size_t argvlen[5]) {
+  if (sha.empty()) {
+    argv[0] = "EVAL";
+    argvlen[0] = 4;
+    argv[1] = kLookupScript;
+    argvlen[1] = sizeof kLookupScript - 1;
+  } else {
+    argv[0] = "EVALSHA";
+    argvlen[0] = 7;
+    argv[1] = sha.data();
+    argvlen[1] = sha.size();
+  }
   argv[2] = "1";
   argvlen[2] = 1;
   argv[3] = ref.key.data();

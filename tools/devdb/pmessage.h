@@ -23,10 +23,13 @@ struct KeyRef {
 };
 bool KeyOfPmessage(const redisReply *pmessage, KeyRef *ref);
 
-// Appends the arguments of the one-round-trip lookup of a key's value by its
-// type; run it with redisAppendCommandArgv. Atomic (a script), so the type
-// and the value always agree.
-int LookupArgv(const KeyRef &ref, const char *argv[5], size_t argvlen[5]);
+// The script that looks a key's value up by its type in one round trip.
+// Atomic, so the type and the value always agree.
+std::string_view LookupScript();
+// The arguments that run it for `ref` (for redisAppendCommandArgv): by its
+// `sha` once the server has loaded it, else with its whole text.
+int LookupArgv(const KeyRef &ref, std::string_view sha, const char *argv[5],
+               size_t argvlen[5]);
 
 // The 5-element pmessage: the four elements of `pmessage`, then `value`
 // (nil when `value` is null or an error).

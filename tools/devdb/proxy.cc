@@ -171,6 +171,16 @@ redisContext *Proxy::Admin(int db) {
       redisFree(admin);
       admin = nullptr;
     }
+    // Sending the script by its digest saves the server hashing its text
+    // for every notification; without it the text goes each time.
+    dbs_[db].lookup_sha.clear();
+    const std::string_view script = LookupScript();
+    ReplyPtr sha(admin == nullptr ? nullptr
+                                  : static_cast<redisReply *>(redisCommand(
+                                        admin, "SCRIPT LOAD %b", script.data(),
+                                        script.size())));
+    if (sha && sha->type == REDIS_REPLY_STRING)
+      dbs_[db].lookup_sha.assign(sha->str, sha->len);
   }
   return admin;
 }
@@ -321,7 +331,7 @@ void Proxy::ReadServer(Conn *c) {
     if (admin == nullptr && (admin = Admin(c->db)) == nullptr) break;
     const char *argv[5];
     size_t argvlen[5];
-    const int argc = LookupArgv(ref, argv, argvlen);
+    const int argc = LookupArgv(ref, dbs_[c->db].lookup_sha, argv, argvlen);
     if (redisAppendCommandArgv(admin, argc, argv, argvlen) != REDIS_OK) break;
     f.lookup = true;
   }
@@ -333,6 +343,23 @@ void Proxy::ReadServer(Conn *c) {
       break;
     }
     f.value.reset(static_cast<redisReply *>(value));
+  }
+  // A SCRIPT FLUSH on the server forgets the script: ask those again with
+  // its text, and load it again for the next time.
+  for (Frame &f : frames) {
+    KeyRef ref;
+    if (!f.value || f.value->type != REDIS_REPLY_ERROR ||
+        std::strncmp(f.value->str, "NOSCRIPT", 8) != 0 ||
+        !KeyOfPmessage(f.reply.get(), &ref))
+      continue;
+    const char *argv[5];
+    size_t argvlen[5];
+    const int argc = LookupArgv(ref, {}, argv, argvlen);
+    f.value.reset(static_cast<redisReply *>(
+        redisCommandArgv(admin, argc, argv, argvlen)));
+    ReplyPtr(static_cast<redisReply *>(redisCommand(admin, "SCRIPT LOAD %b",
+                                                    LookupScript().data(),
+                                                    LookupScript().size())));
   }
   for (Frame &f : frames) Deliver(c, &f);
   DrainLocal(c);

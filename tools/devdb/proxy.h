@@ -84,6 +84,7 @@ class Proxy {
   struct Db {
     int listen_fd = -1;
     redisContext *admin = nullptr;  // look-ups and client lists, blocking
+    std::string lookup_sha;         // the look-up script as admin loaded it
     Faults faults;
   };
   struct Frame {
