@@ -1,0 +1,41 @@
+// Captures the console lines a call logs, with the "[proc]<func, N>:" prefix
+// reduced to "<func>:" so that tests read the messages themselves.
+#ifndef TQREDIS_TESTS_SUPPORT_LOGGED_H_
+#define TQREDIS_TESTS_SUPPORT_LOGGED_H_
+
+#include <regex>
+#include <string>
+
+#include "support/support.h"
+#include "tqredis.h"
+
+namespace tqtest {
+
+inline std::string Messages(const std::string &out) {
+  static const std::regex prefix(R"(\[[^\]\n]*\]<(\w+), \d+>:)");
+  return std::regex_replace(out, prefix, "<$1>:");
+}
+
+// Runs `call` with the console mask `levels` and returns what it logged.
+template <typename F>
+std::string Logged(uint32_t levels, F &&call) {
+  const uint32_t saved = g_tqredis_dbg_level;
+  g_tqredis_dbg_level = levels;
+  StdoutCapture capture;
+  call();
+  const std::string out = capture.Finish();
+  g_tqredis_dbg_level = saved;
+  return Messages(out);
+}
+
+// Runs `call` and returns what it printed, masks untouched.
+template <typename F>
+std::string Printed(F &&call) {
+  StdoutCapture capture;
+  call();
+  return capture.Finish();
+}
+
+}  // namespace tqtest
+
+#endif  // TQREDIS_TESTS_SUPPORT_LOGGED_H_
