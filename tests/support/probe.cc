@@ -27,6 +27,14 @@ int main(int argc, char **argv) {
                   tqredis_init(nullptr, 0, nullptr,
                                static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 0))));
       i += 1;
+    } else if (std::strcmp(argv[i], "connect") == 0 && i + 2 < argc) {
+      std::printf("connect=%d\n",
+                  tqredis_connect(static_cast<uint32_t>(std::atoi(argv[i + 1])),
+                                  static_cast<uint32_t>(std::atoi(argv[i + 2]))));
+      i += 2;
+    } else if (std::strcmp(argv[i], "exit") == 0 && i + 1 < argc) {
+      std::fflush(stdout);
+      tqredis_exit(static_cast<uint32_t>(std::atoi(argv[i + 1])));
     } else {
       std::printf("unknown action %s\n", argv[i]);
       return 2;
