@@ -200,6 +200,7 @@ void Proxy::Accept(int db) {
     c->db = db;
     c->fd = fd;
     c->up_fd = up;
+    c->guard = std::make_unique<RequestGuard>(options_.max_request);
     // The server's id for our connection ties its client-list line to the
     // figures counted here; the reply is kept back from the client.
     c->to_server = kClientIdRequest;
@@ -230,6 +231,10 @@ void Proxy::ReadClient(Conn *c) {
   }
   if (n < 0) return;
   c->figures.in_bytes += n;
+  if (!c->guard->Check(buf, static_cast<size_t>(n))) {
+    Drop(c, "not a request, or one past the limits");
+    return;
+  }
   if (!c->from_client.Feed(buf, static_cast<size_t>(n))) {
     Drop(c, "no memory");
     return;

@@ -63,6 +63,7 @@ class Proxy {
     int fd = -1;     // the client's connection
     int up_fd = -1;  // ours to the server
     long long server_id = -1;
+    std::unique_ptr<RequestGuard> guard;
     FrameReader from_client;
     FrameReader from_server;
     std::string to_client;

@@ -1,6 +1,7 @@
 // RESP framing over hiredis's reader, and the emulator's own reply encoders.
 #include "resp.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -48,6 +49,72 @@ FrameReader::Result FrameReader::Next(ReplyPtr *reply, std::string_view *raw) {
 const char *FrameReader::Error() const {
   if (reader_ == nullptr) return "no memory";
   return reader_->err != 0 ? reader_->errstr : "";
+}
+
+namespace {
+// As many arguments as a server accepts in one request.
+constexpr long long kMaxArgs = 1024 * 1024;
+constexpr size_t kMaxHeader = 32;
+
+bool ParseLength(std::string_view digits, long long *value) {
+  if (digits.empty() || digits.size() > 18) return false;
+  long long v = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  *value = v;
+  return true;
+}
+}  // namespace
+
+bool RequestGuard::Header(std::string_view line) {
+  long long n = 0;
+  if (state_ == kArrayHeader) {
+    // "*0" and "*-1" ask nothing and are skipped like the server does.
+    if (line == "*-1" || line == "*0") return true;
+    if (line.empty() || line[0] != '*' || !ParseLength(line.substr(1), &n) ||
+        n > kMaxArgs)
+      return false;
+    args_left_ = n;
+    state_ = kBulkHeader;
+    return true;
+  }
+  if (line.empty() || line[0] != '$' || !ParseLength(line.substr(1), &n) ||
+      static_cast<unsigned long long>(n) > max_bulk_)
+    return false;
+  body_left_ = static_cast<size_t>(n) + 2;
+  state_ = kBulkBody;
+  return true;
+}
+
+bool RequestGuard::Check(const char *data, size_t len) {
+  for (size_t i = 0; i < len;) {
+    if (state_ == kBulkBody) {
+      if (body_left_ > 2) {
+        const size_t take = std::min(body_left_ - 2, len - i);
+        body_left_ -= take;
+        i += take;
+        continue;
+      }
+      if (data[i++] != (body_left_ == 2 ? '\r' : '\n')) return false;
+      if (--body_left_ == 0)
+        state_ = --args_left_ > 0 ? kBulkHeader : kArrayHeader;
+      continue;
+    }
+    const char c = data[i++];
+    if (c != '\n') {
+      if (line_.size() >= kMaxHeader) return false;
+      line_.push_back(c);
+      continue;
+    }
+    if (line_.empty() || line_.back() != '\r') return false;
+    line_.pop_back();
+    const bool ok = Header(line_);
+    line_.clear();
+    if (!ok) return false;
+  }
+  return true;
 }
 
 void AppendBulk(std::string *out, std::string_view text) {

@@ -45,6 +45,28 @@ class FrameReader {
   size_t consumed_ = 0;  // bytes of buf_ the reader has gone past
 };
 
+// Watches a client's bytes before the reader sees them. A request is
+// "*<n>\r\n" and n bulk strings "$<len>\r\n<bytes>\r\n"; the reader would
+// allocate an array for a declared count at once, so an absurd count or
+// length, or anything else, is refused before it gets there.
+class RequestGuard {
+ public:
+  explicit RequestGuard(size_t max_bulk) : max_bulk_(max_bulk) {}
+  // False once the stream is not requests within the limits.
+  bool Check(const char *data, size_t len);
+
+ private:
+  enum State { kArrayHeader, kBulkHeader, kBulkBody };
+  // A header line without its "\r\n"; false when it is not acceptable.
+  bool Header(std::string_view line);
+
+  size_t max_bulk_;
+  State state_ = kArrayHeader;
+  std::string line_;
+  long long args_left_ = 0;
+  size_t body_left_ = 0;  // bytes of the bulk still due, "\r\n" included
+};
+
 // Encoders for replies written by the emulator itself.
 void AppendBulk(std::string *out, std::string_view text);
 void AppendNil(std::string *out);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -245,6 +246,40 @@ TEST(DevdbFaultState, DatabaseIsNamedOrNumberedOrAll) {
   EXPECT_EQ(last, 2);
   EXPECT_FALSE(ParseDbRange("3", &first, &last));
   EXPECT_FALSE(ParseDbRange("redis", &first, &last));
+}
+
+}  // namespace
+}  // namespace devdb
+
+namespace devdb {
+namespace {
+
+TEST(DevdbGuard, RequestsPassHoweverTheyAreCut) {
+  const std::string bytes =
+      "*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$0\r\n\r\n*0\r\n*-1\r\n*1\r\n$4\r\nPING\r\n";
+  for (size_t step : {1, 2, 5, 100}) {
+    RequestGuard guard(64);
+    for (size_t pos = 0; pos < bytes.size(); pos += step)
+      ASSERT_TRUE(guard.Check(bytes.data() + pos,
+                              std::min(step, bytes.size() - pos)))
+          << "step " << step << " at " << pos;
+  }
+}
+
+TEST(DevdbGuard, AbsurdCountsAndLengthsAreRefusedAtTheirHeader) {
+  for (const char *bad :
+       {"*2147483647\r\n", "*1048577\r\n", "*1\r\n$65\r\n", "*1\r\n*1\r\n",
+        "*1\r\n:1\r\n", "*1\r\n$-1\r\n", "PING\r\n", "*1\n", "*123456789012"
+                                                            "345678901234"
+                                                            "5678901234\r\n"}) {
+    RequestGuard guard(64);
+    EXPECT_FALSE(guard.Check(bad, std::strlen(bad))) << bad;
+  }
+}
+
+TEST(DevdbGuard, BulkMustEndInCrLf) {
+  RequestGuard guard(64);
+  EXPECT_FALSE(guard.Check("*1\r\n$1\r\nab\r\n*", 14));
 }
 
 }  // namespace
