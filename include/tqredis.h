@@ -387,7 +387,9 @@ enum {
  * (one-second steps) and while a connection is being re-established, unless
  * TQREDIS_CMD_NO_RECONNECT. A connection lost while it was live ends the
  * process. NULL without blocking for db or op above 2 or a NULL format.
- * `ignored` has no effect (pass -1). Holds the global lock throughout. */
+ * `ignored` has no effect (pass -1). Holds the global lock throughout.
+ * The format is checked by the compiler as a printf format, so hiredis's
+ * binary "%b" is not available through this call. */
 TQREDIS_API redisReply *tqredis_db_command(int db, int op, int ignored,
                                            uint32_t flag, const char *format,
                                            ...) TQREDIS_PRINTF(5, 6);
@@ -463,10 +465,10 @@ TQREDIS_API int tqredis_convert_reply_value(redisReply *reply, int valtype,
  * Bases go unchanged to strtol (0 lets the text choose); a negative base is
  * refused. Rejected replies are printed at debug level 16. */
 
-/* The core, without argument checks: an integer reply read as an integer
+/* The core, without the reply check: an integer reply read as an integer
  * (valtype 0), or a string reply read either way. -4 for an integer reply
- * asked as a string and for any other type; -1 for an unknown valtype;
- * -2 for a NULL reply. */
+ * asked as a string and for any other type; -1 for an unknown valtype on a
+ * string reply; -2 for a NULL reply, or a NULL output for the kind asked. */
 TQREDIS_API int tqredis_get_key_reply(redisReply *reply, int valtype,
                                       int *intval, int base, char **strval,
                                       int *len);
@@ -481,7 +483,8 @@ TQREDIS_API int tqredis_get_key_reply_intval(redisReply *reply, int *intval,
 TQREDIS_API int tqredis_get_key_reply_strval(redisReply *reply, char **strval,
                                              int *len);
 
-/* 1 if `reply` is an array with a usable element `index`, else 0 (logged). */
+/* 1 if `reply` is an array with a usable element `index`, else 0 (logged);
+ * a NULL reply gives 0. Only that element is checked. */
 TQREDIS_API int tqredis_check_array_reply(redisReply *reply, uint32_t index);
 
 /* Element `index` of an array reply as an int / as text: 0, -2 (unusable
@@ -495,13 +498,17 @@ TQREDIS_API int tqredis_get_key_array_reply_strval(redisReply *reply,
                                                    int *len);
 
 /* In a field/value array (HGETALL), the value element of the first field
- * equal to `field` (case-sensitive); NULL when absent or when the array's
- * length is odd or below 2. The element belongs to the reply. */
+ * equal to `field` (case-sensitive); NULL when absent, when the array's
+ * length is odd or below 2, or when `reply` or `field` is NULL. Field
+ * elements that are unusable or carry no text are skipped. The reply's type
+ * and the value found are not examined. The element belongs to the reply. */
 TQREDIS_API redisReply *tqredis_search_field_element(redisReply *reply,
                                                      const char *field);
 
-/* The value of `field` in a field/value array: 0, -1 (unknown valtype), -4
- * (not an array), -5 (no such field). No argument checks. */
+/* The value of `field` in a field/value array, without the reply check:
+ * 0, -1 (unknown valtype), -2 (NULL reply or field, NULL output, or a value
+ * without text read as an integer), -4 (not an array), -5 (no such field).
+ * The value's type is not examined. */
 TQREDIS_API int tqredis_get_key_reply_by_field(redisReply *reply,
                                                const char *field, int valtype,
                                                int *intval, int base,
