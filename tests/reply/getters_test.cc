@@ -1141,9 +1141,8 @@ TEST(GetIntvalByField, NestedArrayValueIsRefusedNotACrash) {
   out.ExpectUntouched();
 }
 
-TEST(GetIntvalByField, UnusableFieldElementIsSkipped) {
-  // A reply the check would refuse cannot reach the search through the checked
-  // getter, so an integer field (usable, but without text) stands in for it.
+TEST(GetIntvalByField, FieldElementWithoutTextIsSkipped) {
+  // An integer field passes the check but has no text to compare.
   auto r = Reply(Array({Int(1), Bulk("9"), Bulk("b"), Bulk("2")}));
   int value = 0;
   EXPECT_EQ(tqredis_get_key_reply_intval_by_field(r.get(), "b", &value, 10), 0);
