@@ -117,15 +117,15 @@ int main(int argc, char **argv) {
     } else if (arg == "--ready-fd" && ParseNumber(value, &number)) {
       options.ready_fd = static_cast<int>(number);
     } else if (arg == "--attach") {
-      const std::string_view spec = value;
-      const size_t eq = spec.find('=');
+      const std::string_view pair = value;
+      const size_t eq = pair.find('=');
       int first = 0;
       int last = -1;
-      if (eq == std::string_view::npos || eq + 1 == spec.size() ||
-          !devdb::ParseDbRange(spec.substr(0, eq), &first, &last) ||
+      if (eq == std::string_view::npos || eq + 1 == pair.size() ||
+          !devdb::ParseDbRange(pair.substr(0, eq), &first, &last) ||
           first != last)
         return Usage();
-      options.attach[first] = std::string(spec.substr(eq + 1));
+      options.attach[first] = std::string(pair.substr(eq + 1));
     } else {
       return Usage();
     }
