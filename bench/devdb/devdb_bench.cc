@@ -51,9 +51,9 @@ double Measure(const std::string &sub_path, const std::string &server_path,
     }
     freeReplyObject(reply);
   }
-  const double seconds = std::chrono::duration<double>(
-                             std::chrono::steady_clock::now() - begin)
-                             .count();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - begin)
+          .count();
   write.join();
   redisFree(sub);
   redisFree(writer);
