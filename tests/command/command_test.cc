@@ -15,18 +15,10 @@
 using namespace std::chrono_literals;
 using tqtest::Logged;
 using tqtest::Printed;
+using tqtest::SlotDump;
 
 namespace {
 
-std::string SlotDump(const char *op, const char *db) {
-  const std::string dump = Printed([] { tqredis_basic_stats_show(); });
-  const std::string header = std::string("    [") + op + "][" + db + "]\r\n";
-  const auto at = dump.find(header);
-  if (at == std::string::npos) return "";
-  const auto from = at + header.size();
-  const auto next = dump.find("    [", from);
-  return dump.substr(from, next == std::string::npos ? std::string::npos : next - from);
-}
 
 unsigned Pending(const char *op, const char *db) {
   const std::string slot = SlotDump(op, db);

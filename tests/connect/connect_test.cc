@@ -13,6 +13,7 @@
 
 using tqtest::Logged;
 using tqtest::Printed;
+using tqtest::SlotDump;
 
 namespace {
 
@@ -22,16 +23,6 @@ class Connect : public ::testing::Test {
   tqtest::DeviceServers servers_;
 };
 
-// The eight field lines of one slot in the statistics dump.
-std::string SlotDump(const char *op, const char *db) {
-  const std::string dump = Printed([] { tqredis_basic_stats_show(); });
-  const std::string header = std::string("    [") + op + "][" + db + "]\r\n";
-  const auto at = dump.find(header);
-  if (at == std::string::npos) return "";
-  const auto from = at + header.size();
-  const auto next = dump.find("    [", from);
-  return dump.substr(from, next == std::string::npos ? std::string::npos : next - from);
-}
 
 long long CommandsProcessed(int db) {
   auto c = tqtest::Direct(db);

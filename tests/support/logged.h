@@ -36,6 +36,17 @@ std::string Printed(F &&call) {
   return capture.Finish();
 }
 
+// The eight field lines of slot [op][db] in the statistics dump.
+inline std::string SlotDump(const char *op, const char *db) {
+  const std::string dump = Printed([] { tqredis_basic_stats_show(); });
+  const std::string header = std::string("    [") + op + "][" + db + "]\r\n";
+  const auto at = dump.find(header);
+  if (at == std::string::npos) return "";
+  const auto from = at + header.size();
+  const auto next = dump.find("    [", from);
+  return dump.substr(from, next == std::string::npos ? std::string::npos : next - from);
+}
+
 }  // namespace tqtest
 
 #endif  // TQREDIS_TESTS_SUPPORT_LOGGED_H_
