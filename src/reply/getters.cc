@@ -94,6 +94,24 @@ int tqredis_check_array_reply(redisReply *reply, uint32_t index) {
   return usable;
 }
 
+namespace {
+
+// Element `index` of an array reply when it is usable; otherwise NULL after
+// printing the reply and logging under the calling getter's name and line.
+redisReply *UsableElement(redisReply *reply, int index, const char *func,
+                          int line) {
+  if (tqredis_check_array_reply(reply, static_cast<uint32_t>(index)) == 0) {
+    tqredis_print_reply(reply);
+    // Ends in "\r\n" where its neighbours end in "\n": on purpose.
+    TQ_LOG_FROM(func, line, kLogData, "array reply invalid, index=%d\r\n",
+                index);
+    return nullptr;
+  }
+  return Element(reply, static_cast<size_t>(index));
+}
+
+}  // namespace
+
 int tqredis_get_key_array_reply_intval(redisReply *reply, int index,
                                        int *intval, int base) {
   // Checking the whole reply first means one bad element anywhere refuses
@@ -104,15 +122,10 @@ int tqredis_get_key_array_reply_intval(redisReply *reply, int index,
            base);
     return kBadArgs;
   }
-  if (tqredis_check_array_reply(reply, static_cast<uint32_t>(index)) == 0) {
-    tqredis_print_reply(reply);
-    // Ends in "\r\n" where its neighbours end in "\n": on purpose.
-    TQ_LOG(kLogData, "array reply invalid, index=%d\r\n", index);
-    return kBadArgs;
-  }
-  return tqredis_get_key_reply(Element(reply, static_cast<size_t>(index)),
-                               TQREDIS_VALTYPE_INT, intval, base, nullptr,
-                               nullptr);
+  redisReply *element = UsableElement(reply, index, __func__, __LINE__);
+  if (element == nullptr) return kBadArgs;
+  return tqredis_get_key_reply(element, TQREDIS_VALTYPE_INT, intval, base,
+                               nullptr, nullptr);
 }
 
 int tqredis_get_key_array_reply_strval(redisReply *reply, int index,
@@ -122,14 +135,10 @@ int tqredis_get_key_array_reply_strval(redisReply *reply, int index,
     TQ_LOG(kLogData, "input arguments invalid, index=%d\n", index);
     return kBadArgs;
   }
-  if (tqredis_check_array_reply(reply, static_cast<uint32_t>(index)) == 0) {
-    tqredis_print_reply(reply);
-    // Ends in "\r\n" where its neighbours end in "\n": on purpose.
-    TQ_LOG(kLogData, "array reply invalid, index=%d\r\n", index);
-    return kBadArgs;
-  }
-  return tqredis_get_key_reply(Element(reply, static_cast<size_t>(index)),
-                               TQREDIS_VALTYPE_STR, nullptr, 0, strval, len);
+  redisReply *element = UsableElement(reply, index, __func__, __LINE__);
+  if (element == nullptr) return kBadArgs;
+  return tqredis_get_key_reply(element, TQREDIS_VALTYPE_STR, nullptr, 0, strval,
+                               len);
 }
 
 redisReply *tqredis_search_field_element(redisReply *reply, const char *field) {
