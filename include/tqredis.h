@@ -28,8 +28,10 @@
 #define TQREDIS_H_
 
 #include <stdarg.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/select.h>
 
 #include <hiredis/hiredis.h>
 
@@ -180,10 +182,6 @@ TQREDIS_API int tqredis_db_exist(uint32_t db);
  * stdout, lines ending in "\r\n". Takes the global lock. */
 TQREDIS_API void tqredis_basic_stats_show(void);
 
-/* Registers the subscription table and the data check function; called by
- * tqredis_init() with its first three arguments. Returns 0. */
-TQREDIS_API int tqredis_init_pubsub(pubsub_mng *mng, int mng_size,
-                                    tqredis_data_check_f data_check_f);
 
 /* ---- Card information ---------------------------------------------------- */
 /* Which databases exist, this card's node and the master's. Commands wait
@@ -530,6 +528,238 @@ TQREDIS_API int tqredis_get_sets_size(redisReply *reply);
 /* Field/value pairs of a hash reply (HGETALL), or -1 for an unusable,
  * non-array, empty or odd-sized reply. */
 TQREDIS_API int tqredis_get_hashes_size(redisReply *reply);
+
+/* ---- Subscription registry ----------------------------------------------- */
+/* Three subscription lists (one per database), a list of data checks and
+ * one process-wide message hook. The lists only grow: nothing is ever
+ * removed or freed. List changes and walks hold the global lock. */
+
+/* One registered subscription (heap, never freed). `flag` is 1 while the
+ * pattern is subscribed on the database's pubsub connection. */
+typedef struct tqredis_pubsub_node {
+  struct tqredis_pubsub_node *next; /* circular list of its database */
+  struct tqredis_pubsub_node *prev;
+  uint32_t key_db;
+  char key_pattern[128];            /* at most 127 characters, NUL-ended */
+  tqredis_pmsg_hook_f hook;
+  void *hook_arg;
+  int32_t dbid;                     /* Redis logical database: always 0 */
+  uint8_t flag;
+} tqredis_pubsub_node;
+
+/* Registers the subscription table and the data check: makes the lists
+ * (tqredis_pubsub_list_init), registers data_check_f, then the table.
+ * Called by tqredis_init() with its first three arguments. Returns 0; -2
+ * when data_check_f is NULL (then no subscription is registered, on
+ * purpose); -3 when memory ran out; -1 for a NULL table or mng_size <= 0
+ * (the data check is registered all the same). */
+TQREDIS_API int tqredis_init_pubsub(pubsub_mng *mng, int mng_size,
+                                    tqredis_data_check_f data_check_f);
+
+/* Makes the four lists empty the first time; later calls keep what was
+ * registered. Takes the global lock. */
+TQREDIS_API void tqredis_pubsub_list_init(void);
+
+/* Appends a data check, called as data_check_f(db) after the subscriptions
+ * of `db` were (re)made. The same function twice is called twice. 0; -2
+ * for NULL ("data_check_f is NULL", level 8); -3 when memory ran out. */
+TQREDIS_API int tqredis_data_check_register(tqredis_data_check_f data_check_f);
+
+/* 1 when the entry's key_db is below 3 and its hook is set, else 0. */
+TQREDIS_API int tqredis_pubsub_mng_check(pubsub_mng *mng);
+
+/* Appends one node per valid entry, in table order, copying at most 127
+ * characters of each pattern; invalid entries are skipped and logged at
+ * level 8 ("pubsub_mng[%d] invalid, key_db=%d", showing entry 0's key_db).
+ * No duplicate check. 0 (also with skipped entries); -1 for a NULL table or
+ * mng_size <= 0; -3 when memory ran out (earlier nodes stay). */
+TQREDIS_API int tqredis_pubsub_register(pubsub_mng *mng, int mng_size);
+
+/* Sets the process-wide hook, called after the subscription's own hook for
+ * every notification delivered. 0; -2 for a NULL hook (the previous one
+ * stays). Takes no lock. */
+TQREDIS_API int tqredis_pmsg_hook_register(tqredis_pmsg_hook_f hook,
+                                           void *hook_arg);
+
+/* Prints each database's data check byte and subscription list on stdout
+ * ("%s datacheck: %d", "%s pubsublist:", "\tdbid=%d key_pattern=%s
+ * flag=%d", lines ending in "\r\n"). Takes the global lock. */
+TQREDIS_API void tqredis_pubsub_stats_show(void);
+
+/* ---- Subscribing and data check ------------------------------------------ */
+
+/* Subscribes one node with "PSUBSCRIBE __keyspace@%d__:%s" (dbid, pattern)
+ * on its database's pubsub connection. 1: already subscribed, nothing sent;
+ * 0: subscribed now; -1: the pubsub slot is not connected, or the server
+ * refused (the connection is then dropped, which ends the process when it
+ * was live). REQUIRES: the global lock. */
+TQREDIS_API int tqredis_psubscrible(tqredis_pubsub_node *node); /* sic */
+
+/* Forgets the subscriptions of `db` once its pubsub connection is gone:
+ * clears every node's flag, or the data check byte of a database without
+ * subscriptions. Refused (level 8) while the slot is connected. REQUIRES:
+ * the global lock. */
+TQREDIS_API void tqredis_psubflag_clear(uint32_t db);
+
+/* Subscribes every pattern of `db` that is not yet subscribed and returns 1
+ * when the data check is due: after a pass that found no standing
+ * subscription (the first pass, and the first after each lost connection),
+ * or, for a database without subscriptions, once until its byte is cleared.
+ * REQUIRES: the global lock. */
+TQREDIS_API int tqredis_db_need_data_check(uint32_t db);
+
+/* The host's periodic call: for each database, makes the missing
+ * subscriptions and, when due and its pubsub slot is connected, runs every
+ * data check with the database id, in registration order. Holds the global
+ * lock throughout, so data checks may issue commands. */
+TQREDIS_API void tqredis_db_psubscrible(void); /* sic */
+
+/* ---- Notification pump ---------------------------------------------------- */
+
+/* The host's main-loop call: waits at most 100 ms for notifications on the
+ * connected pubsub slots and delivers every one that arrived (one socket
+ * read per readable connection, then what the reader holds) to its
+ * subscription's hook and then to the process-wide hook, under the global
+ * lock. A wait that finds nothing flushes every pipelined write and counts
+ * an idle tick; every 600th writes the operation statistics. 0; -1 when
+ * select failed ("slect fail for %s", level 8). A pubsub connection that
+ * fails while reading was live, so losing it ends the process. Call it from
+ * one thread only. */
+TQREDIS_API int tqredis_pubsub(void);
+
+/* Clears `set` and adds the descriptor of every connected pubsub slot.
+ * Returns the highest descriptor added, -1 when none is connected. */
+TQREDIS_API int tqredis_reste_fdset(fd_set *set); /* sic */
+
+/* Delivers every notification buffered for `db`'s pubsub slot. 1 when all
+ * were delivered; otherwise the connection failed and was dropped.
+ * REQUIRES: the global lock. */
+TQREDIS_API int tqredis_get_pubsub(uint32_t db);
+
+/* The next notification of `db`'s pubsub slot: the first call after a
+ * drain reads the socket once; later calls parse only what is buffered. 0
+ * with *reply set (the caller frees it); 1 when nothing more is buffered;
+ * -1 on a read or protocol error. REQUIRES: the global lock. */
+TQREDIS_API int tqredis_get_pubsub_reply(uint32_t db, redisReply **reply);
+
+/* 1 when `reply` has the shape of a notification: an array of 5 elements
+ * whose elements 0..3 are usable and whose channels (elements 1 and 2)
+ * contain ':'. A nil or error value element is allowed ("reply invalid" is
+ * logged at level 8 and the notification still delivered). 0 otherwise,
+ * with the reason at level 8. */
+TQREDIS_API int tqredis_check_pubsub_reply(redisReply *reply);
+
+/* Fills pmsg->key (channel text after its first ':', 127 characters at
+ * most), pmsg->cmd (key command id of the event name, 27 when none) and
+ * pmsg->value (element 4, owned by the reply). 0; -2 when either pointer is
+ * NULL or the reply lacks that shape (nothing filled then). */
+TQREDIS_API int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg);
+
+/* Delivers one notification of `db`: to the first subscription of `db`
+ * whose pattern equals the pattern the server echoed (timed as an inbound
+ * operation), then to the process-wide hook. 0 when delivered or when no
+ * subscription matches (dropped silently); -2 for a malformed notification
+ * ("pmessage invalid", level 8). The reply stays the caller's. */
+TQREDIS_API int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply);
+
+/* Calls the process-wide hook with `pmsg` and its argument; returns what it
+ * returns, or 0 when none is registered. */
+TQREDIS_API int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg);
+
+/* ---- Operation records and statistics ------------------------------------- */
+/* The last 32 inbound operations (notifications handled, keys replayed) and
+ * the last 32 outbound ones (writes), each ring with its slowest record and
+ * a total; and a snapshot pair of the last inbound operation with the
+ * marked outbound write after it. Static storage, guarded by the global
+ * lock; recording allocates nothing. */
+
+/* One operation. The layout crosses the interface (244 bytes). */
+typedef struct tqredis_op_record {
+  int32_t tid;           /* kernel thread id; 0 with time statistics off */
+  char time[32];         /* start, "%04d%02d%02d_%02d:%02d:%02d.%lu" local */
+  char db[32];           /* database name */
+  char key[128];         /* key or argument, at most 127 characters */
+  char cmd[32];          /* key command name */
+  uint32_t start_sec;    /* time of day at recording */
+  uint32_t start_usec;
+  int32_t elapsed_sec;   /* start to end of handling; 0 until measured */
+  int32_t elapsed_usec;  /* 0..999999 */
+} tqredis_op_record;
+
+/* The last inbound operation and the marked outbound write after it. */
+typedef struct tqredis_op_snap {
+  tqredis_op_record in;
+  tqredis_op_record out;
+} tqredis_op_snap;
+
+/* One ring of 32 records. While count is below 32 the records are slots
+ * 0..count-1, oldest first; then the oldest is at `index`. */
+typedef struct tqredis_op_log {
+  tqredis_op_record records[32];
+  tqredis_op_record peak;  /* the longest elapsed time since load */
+  uint32_t index;          /* slot the next record goes to */
+  uint32_t count;          /* valid records, 0..32 */
+  uint32_t total;          /* records since load (wraps) */
+} tqredis_op_log;
+
+/* Fills `rec` for an operation starting now: 0; -1 (rec untouched) for a
+ * key containing "arch/ham" or "arch/at", which is never recorded.
+ * REQUIRES: the global lock, key not NULL, db < 3, keycmd < 28. */
+TQREDIS_API int tqredis_db_cmd_record(tqredis_op_record *rec, const char *key,
+                                      int keycmd, int db);
+
+/* Advances a ring after a record was written at its index. 1 when count was
+ * below 32 before the call, else 0. REQUIRES: the global lock. */
+TQREDIS_API uint32_t tqredis_db_log_index_update(tqredis_op_log *log);
+
+/* Writes one ring into redis_host through the pipelined write path:
+ * "HMSET /arch/mom/<proc>/<dir>/stats" with cmd_total and cmd_peak, then
+ * one "SET /arch/mom/<proc>/<dir>/<n>" per record, n = 0 the oldest. Values
+ * read "<time>-<db>-<cmd>-<key>-time=<s>.<us>-tid=<tid>" (microseconds not
+ * padded). `dir` is "in" or "out". REQUIRES: the global lock. */
+TQREDIS_API void tqredis_db_write_log(tqredis_op_log *log, const char *dir);
+
+/* Writes both rings ("in", "out") into redis_host. Takes the global lock. */
+TQREDIS_API void tqredis_db_save_log(void);
+
+/* Print one ring / one snapshot pair on stdout, whatever the debug masks. */
+TQREDIS_API void tqredis_db_print_log(tqredis_op_log *log, const char *name);
+TQREDIS_API void tqredis_db_print_snap(tqredis_op_snap *snap, const char *name);
+
+/* Prints the rings "in_log" and "out_log" and the snapshots "snap" and
+ * "ham_snap" on stdout. Takes the global lock. */
+TQREDIS_API void tqredis_db_show_log(void);
+
+/* Prints the connection, card information and subscription statistics on
+ * stdout, in that order. */
+TQREDIS_API void tqredis_db_show_stats(void);
+
+/* ---- Command tracing and time statistics ---------------------------------- */
+
+/* Start of an inbound / outbound operation: records it in its ring and
+ * logs ">>>>IN_LOG ..." / ">>>>OUT_LOG ..." at level 1. An inbound record
+ * becomes the snapshot's inbound half (and empties its outbound half); an
+ * outbound one becomes its outbound half only when (flag & 1). Returns the
+ * slot, to pass to the matching end call on the same thread, or -1: a NULL
+ * key, db >= 3 or keycmd >= 28 (logged at level 8), or a key that is never
+ * recorded. Takes the global lock. */
+TQREDIS_API int tqredis_db_in_log(const char *key, uint32_t keycmd,
+                                  uint32_t db, uint32_t flag);
+TQREDIS_API int tqredis_db_out_log(const char *key, uint32_t keycmd,
+                                   uint32_t db, uint32_t flag);
+
+/* End of an operation: with time statistics on, and on the thread that
+ * recorded it, stores its elapsed time and keeps it as the ring's peak when
+ * strictly longer. Nothing with time statistics off. Takes the global
+ * lock. */
+TQREDIS_API void tqredis_db_log_stat(tqredis_op_log *log, uint32_t slot);
+TQREDIS_API void tqredis_db_in_log_stat(uint32_t slot);
+TQREDIS_API void tqredis_db_out_log_stat(uint32_t slot);
+
+/* Copies the snapshot pair into *buf (zeros when its halves come from two
+ * different threads), keeps it as "ham_snap" and empties it. 0; -2 for a
+ * NULL buf. Takes the global lock. */
+TQREDIS_API int tqredis_get_db_op_snap(tqredis_op_snap *buf);
 
 #ifdef __cplusplus
 } /* extern "C" */

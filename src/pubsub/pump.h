@@ -1,0 +1,14 @@
+// The notification pump's private state.
+#ifndef TQREDIS_SRC_PUBSUB_PUMP_H_
+#define TQREDIS_SRC_PUBSUB_PUMP_H_
+
+#include <cstdint>
+
+// Idle waits since the statistics were last written; touched only by the
+// thread that runs tqredis_pubsub().
+extern "C" int32_t g_tqredis_idle_ticks;
+// One word for the whole process: 0, the next read fetches from the socket;
+// 1, drain what the reader already holds. Same single thread.
+extern "C" uint32_t g_tqredis_pubsub_reading;
+
+#endif  // TQREDIS_SRC_PUBSUB_PUMP_H_
