@@ -6,6 +6,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include "debug/oprecord.h"
 #include "pubsub/pump.h"
@@ -398,6 +400,27 @@ TEST_F(Pump, FileDescriptorsOfConnectedPubsubSlotsAreWaitedFor) {
   for (uint32_t db = 0; db < 3; ++db)
     EXPECT_TRUE(FD_ISSET(tqredis_get_context(db, 2)->fd, &set));
   EXPECT_FALSE(FD_ISSET(tqredis_get_context(2, 0)->fd, &set));
+}
+
+// Hardening: FD_SET beyond the set's size would write past it.
+TEST_F(Pump, PubsubDescriptorBeyondTheFdSetIsLeftOutOfTheWait) {
+  struct rlimit limit = {2048, 2048};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  // Every descriptor below FD_SETSIZE taken: the connections get higher ones.
+  while (dup(0) < FD_SETSIZE) {
+  }
+  Subscribe({Entry(2, "k*", SubscriptionHook)});
+  const int fd = tqredis_get_context(2, 2)->fd;
+  ASSERT_GE(fd, FD_SETSIZE);
+  fd_set set;
+  std::string log = tqtest::Logged(
+      TQREDIS_LOG_ERROR, [&set] { EXPECT_EQ(tqredis_reste_fdset(&set), -1); });
+  EXPECT_NE(log.find("<tqredis_reste_fdset>:redis_host pubsub fd=" +
+                     std::to_string(fd) + " out of fd_set, not waited for\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(tqredis_pubsub(), 0);  // a plain wait
+  EXPECT_EQ(g_tqredis_idle_ticks, 1);
 }
 
 }  // namespace
