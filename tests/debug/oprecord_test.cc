@@ -157,6 +157,16 @@ TEST_F(Record, EveryNameOfTheTablesIsCopied) {
   EXPECT_STREQ(rec.cmd, "other");
 }
 
+TEST_F(Record, OutOfRangeIdsAreNamedInvalidRatherThanReadPastTheTables) {
+  tqredis_op_record rec;
+  ASSERT_EQ(tqredis_db_cmd_record(&rec, "k", TQREDIS_KEYCMD_NUM, 3), 0);
+  EXPECT_STREQ(rec.db, "invalid_db");
+  EXPECT_STREQ(rec.cmd, "invalid_keycmd");
+  ASSERT_EQ(tqredis_db_cmd_record(&rec, "k", -1, -1), 0);
+  EXPECT_STREQ(rec.db, "invalid_db");
+  EXPECT_STREQ(rec.cmd, "invalid_keycmd");
+}
+
 TEST_F(Record, ReusedRecordKeepsNoBytesOfTheOlderOne) {
   tqredis_op_record rec;
   std::memset(&rec, 0x5a, sizeof(rec));
