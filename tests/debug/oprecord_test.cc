@@ -15,29 +15,9 @@
 
 #include "debug/log.h"
 #include "debug/oprecord.h"
+#include "support/clock.h"
 #include "support/logged.h"
 #include "tqredis.h"
-
-namespace {
-std::atomic<bool> g_fake{false};
-std::atomic<long> g_fake_sec{0};
-std::atomic<long> g_fake_usec{0};
-}  // namespace
-
-// Takes the place of the C library's clock for the library's objects linked
-// into this test; the real clock answers while no fake time is set.
-extern "C" int gettimeofday(struct timeval *__restrict tv, void *__restrict) {
-  if (g_fake) {
-    tv->tv_sec = g_fake_sec;
-    tv->tv_usec = g_fake_usec;
-    return 0;
-  }
-  struct timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  tv->tv_sec = ts.tv_sec;
-  tv->tv_usec = ts.tv_nsec / 1000;
-  return 0;
-}
 
 namespace {
 
@@ -45,12 +25,6 @@ using tqtest::Printed;
 
 // 2024-03-02 09:05:03 UTC.
 constexpr long kT0 = 1709370303;
-
-void SetClock(long sec, long usec) {
-  g_fake_sec = sec;
-  g_fake_usec = usec;
-  g_fake = true;
-}
 
 int32_t Gettid() { return static_cast<int32_t>(syscall(SYS_gettid)); }
 
@@ -61,9 +35,9 @@ class Record : public ::testing::Test {
   void SetUp() override {
     setenv("TZ", "UTC0", 1);
     tzset();
-    SetClock(kT0, 42);
+    tqtest::SetClock(kT0, 42);
   }
-  void TearDown() override { g_fake = false; }
+  void TearDown() override { tqtest::UseRealClock(); }
 };
 
 using Ring = Record;
@@ -97,14 +71,14 @@ TEST_F(Record, FillsEveryFieldForAnOperationStartingNow) {
 
 TEST_F(Record, MicrosecondsAreNotZeroPadded) {
   tqredis_op_record rec;
-  SetClock(kT0, 5);
+  tqtest::SetClock(kT0, 5);
   ASSERT_EQ(tqredis_db_cmd_record(&rec, "k", 0, 0), 0);
   EXPECT_STREQ(rec.time, "20240302_09:05:03.5");
-  SetClock(kT0, 0);
+  tqtest::SetClock(kT0, 0);
   ASSERT_EQ(tqredis_db_cmd_record(&rec, "k", 0, 0), 0);
   EXPECT_STREQ(rec.time, "20240302_09:05:03.0");
   // 2025-12-31 23:59:59.999999 UTC: the widest time of day.
-  SetClock(1767225599, 999999);
+  tqtest::SetClock(1767225599, 999999);
   ASSERT_EQ(tqredis_db_cmd_record(&rec, "k", 0, 0), 0);
   EXPECT_STREQ(rec.time, "20251231_23:59:59.999999");
 }
@@ -248,7 +222,7 @@ TEST_F(Ring, KeyUnderArchHamLeavesRingIndexCountAndTotalUnchanged) {
 
 TEST_F(Ring, ThirtyThreeRecordsWrapAndPrintFromTheSecondRecordMade) {
   for (int i = 1; i <= 33; ++i) {
-    SetClock(kT0, i);
+    tqtest::SetClock(kT0, i);
     const std::string key = "/k/" + std::to_string(i);
     EXPECT_EQ(tqredis_db_out_log(key.c_str(), TQREDIS_KEYCMD_SET,
                                  TQREDIS_DB_CE_GLOBAL, 0),
@@ -269,9 +243,9 @@ TEST_F(Ring, ThirtyThreeRecordsWrapAndPrintFromTheSecondRecordMade) {
 }
 
 TEST_F(Ring, WhileFillingTheRecordsPrintFromSlotZero) {
-  SetClock(kT0, 7);
+  tqtest::SetClock(kT0, 7);
   tqredis_db_in_log("/first", TQREDIS_KEYCMD_HSET, 0, 0);
-  SetClock(kT0 + 1, 8);
+  tqtest::SetClock(kT0 + 1, 8);
   tqredis_db_in_log("/second", TQREDIS_KEYCMD_EXPIRED, 1, 0);
   EXPECT_EQ(
       Printed([] { tqredis_db_print_log(&g_tqredis_in_log, "in_log"); }),
@@ -296,7 +270,7 @@ TEST_F(Ring, WithoutTimeStatisticsRecordsAndPeakCarryTidAndElapsedZero) {
   g_tqredis_timestat = 0;
   const int slot = tqredis_db_out_log("/k", TQREDIS_KEYCMD_DEL, 2, 0);
   ASSERT_EQ(slot, 0);
-  SetClock(kT0 + 3, 0);
+  tqtest::SetClock(kT0 + 3, 0);
   tqredis_db_out_log_stat(static_cast<uint32_t>(slot));
   const tqredis_op_record &rec = g_tqredis_out_log.records[0];
   EXPECT_EQ(rec.tid, 0);
@@ -374,7 +348,7 @@ TEST_F(Print, SnapshotShowsBothHalvesWithTidButNoElapsed) {
   tqredis_db_cmd_record(&snap.in, "/in/key", TQREDIS_KEYCMD_SET, 0);
   snap.in.tid = 77;
   snap.in.elapsed_sec = 5;
-  SetClock(kT0 + 60, 123456);
+  tqtest::SetClock(kT0 + 60, 123456);
   tqredis_db_cmd_record(&snap.out, "/out/key", TQREDIS_KEYCMD_PEXPIRE, 2);
   EXPECT_EQ(
       Printed([&] { tqredis_db_print_snap(&snap, "snap"); }),
@@ -408,11 +382,11 @@ TEST_F(Print, NullRingOrSnapshotPrintsNothing) {
 
 TEST_F(Print, ShowLogPrintsBothRingsThenTheSnapshotThenTheHandedOverOne) {
   tqredis_db_in_log("/in/a", TQREDIS_KEYCMD_SET, 0, 0);
-  SetClock(kT0, 43);
+  tqtest::SetClock(kT0, 43);
   tqredis_db_out_log("/out/b", TQREDIS_KEYCMD_DEL, 1, 1);
   tqredis_op_snap taken;
   ASSERT_EQ(tqredis_get_db_op_snap(&taken), 0);
-  SetClock(kT0, 44);
+  tqtest::SetClock(kT0, 44);
   tqredis_db_in_log("/in/c", TQREDIS_KEYCMD_HDEL, 2, 0);
   const std::string p = Proc();
   EXPECT_EQ(

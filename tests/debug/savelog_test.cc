@@ -13,30 +13,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/clock.h"
 #include "support/servers.h"
 #include "tqredis.h"
-
-namespace {
-std::atomic<bool> g_fake{false};
-std::atomic<long> g_fake_sec{0};
-std::atomic<long> g_fake_usec{0};
-}  // namespace
-
-// Takes the place of the C library's clock for the whole process, the
-// library included; the real clock answers while no fake time is set.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(
-    struct timeval *__restrict tv, void *__restrict) {
-  if (g_fake) {
-    tv->tv_sec = g_fake_sec;
-    tv->tv_usec = g_fake_usec;
-    return 0;
-  }
-  struct timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  tv->tv_sec = ts.tv_sec;
-  tv->tv_usec = ts.tv_nsec / 1000;
-  return 0;
-}
 
 namespace {
 
@@ -44,12 +23,6 @@ using namespace std::chrono_literals;
 
 // 2024-03-02 09:05:03 UTC.
 constexpr long kT0 = 1709370303;
-
-void SetClock(long sec, long usec) {
-  g_fake_sec = sec;
-  g_fake_usec = usec;
-  g_fake = true;
-}
 
 std::string Tid() { return std::to_string(syscall(SYS_gettid)); }
 
@@ -77,7 +50,7 @@ class SaveLog : public ::testing::Test {
     tqredis_get_cardinfo();
   }
   void TearDown() override {
-    g_fake = false;
+    tqtest::UseRealClock();
     tqredis_dbg_cfg(2, 0);
   }
 
@@ -117,16 +90,16 @@ class SaveLog : public ::testing::Test {
 
 TEST_F(SaveLog, StatsHashAndRecordKeysHoldTheExactValues) {
   tqredis_dbg_cfg(2, 1);
-  SetClock(kT0, 42);
+  tqtest::SetClock(kT0, 42);
   const int out = tqredis_db_out_log("/some/key", TQREDIS_KEYCMD_DEL, 2, 0);
   ASSERT_EQ(out, 0);
-  SetClock(kT0, 1292);  // 1250 microseconds later
+  tqtest::SetClock(kT0, 1292);  // 1250 microseconds later
   tqredis_db_out_log_stat(static_cast<uint32_t>(out));
-  SetClock(kT0 + 1, 5);
+  tqtest::SetClock(kT0 + 1, 5);
   const int in = tqredis_db_in_log("/in/key", TQREDIS_KEYCMD_SET, 0, 0);
   ASSERT_EQ(in, 0);
   tqredis_db_in_log_stat(static_cast<uint32_t>(in));  // no time passed
-  g_fake = false;
+  tqtest::UseRealClock();
 
   SaveAndWaitFor(Key("out", "0"));
   const std::string tid = Tid();
@@ -173,11 +146,11 @@ TEST_F(SaveLog, EmptyRingsWriteOnlyTheStatsHashWithAnEmptyPeak) {
 
 TEST_F(SaveLog, WrappedRingIsWrittenFromItsOldestRecord) {
   for (int i = 1; i <= 33; ++i) {
-    SetClock(kT0, i);
+    tqtest::SetClock(kT0, i);
     const std::string key = "/k/" + std::to_string(i);
     tqredis_db_out_log(key.c_str(), TQREDIS_KEYCMD_SET, 1, 0);
   }
-  g_fake = false;
+  tqtest::UseRealClock();
   SaveAndWaitFor(Key("out", "31"));
   EXPECT_EQ(HGet(Key("out", "stats"), "cmd_total"), "33");
   EXPECT_EQ(Get(Key("out", "0")),
@@ -191,10 +164,10 @@ TEST_F(SaveLog, WrappedRingIsWrittenFromItsOldestRecord) {
 TEST_F(SaveLog, KeysBeyondTheRecordsLeftFromAFullerWriteStay) {
   tqtest::Run(host_.get(), "SET %s %s", Key("out", "2").c_str(), "older");
   tqtest::Run(host_.get(), "SET %s %s", Key("out", "31").c_str(), "oldest");
-  SetClock(kT0, 1);
+  tqtest::SetClock(kT0, 1);
   tqredis_db_out_log("/a", TQREDIS_KEYCMD_SET, 2, 0);
   tqredis_db_out_log("/b", TQREDIS_KEYCMD_SET, 2, 0);
-  g_fake = false;
+  tqtest::UseRealClock();
   SaveAndWaitFor(Key("out", "1"));
   EXPECT_EQ(Get(Key("out", "0")),
             "20240302_09:05:03.1-redis_host-set-/a-time=0.0-tid=0");
@@ -205,9 +178,9 @@ TEST_F(SaveLog, KeysBeyondTheRecordsLeftFromAFullerWriteStay) {
 }
 
 TEST_F(SaveLog, KeyWithBlanksIsStoredAsOneValue) {
-  SetClock(kT0, 9);
+  tqtest::SetClock(kT0, 9);
   tqredis_db_in_log("/a key with blanks", TQREDIS_KEYCMD_HSET, 2, 0);
-  g_fake = false;
+  tqtest::UseRealClock();
   SaveAndWaitFor(Key("out", "stats"));
   EXPECT_EQ(Get(Key("in", "0")),
             "20240302_09:05:03.9-redis_host-hset-/a key with blanks-time=0.0-"

@@ -18,29 +18,9 @@
 
 #include "debug/log.h"
 #include "debug/oprecord.h"
+#include "support/clock.h"
 #include "support/logged.h"
 #include "tqredis.h"
-
-namespace {
-std::atomic<bool> g_fake{false};
-std::atomic<long> g_fake_sec{0};
-std::atomic<long> g_fake_usec{0};
-}  // namespace
-
-// Takes the place of the C library's clock for the library's objects linked
-// into this test; the real clock answers while no fake time is set.
-extern "C" int gettimeofday(struct timeval *__restrict tv, void *__restrict) {
-  if (g_fake) {
-    tv->tv_sec = g_fake_sec;
-    tv->tv_usec = g_fake_usec;
-    return 0;
-  }
-  struct timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  tv->tv_sec = ts.tv_sec;
-  tv->tv_usec = ts.tv_nsec / 1000;
-  return 0;
-}
 
 namespace {
 
@@ -48,12 +28,6 @@ using tqtest::Logged;
 
 // 2024-03-02 09:05:03 UTC.
 constexpr long kT0 = 1709370303;
-
-void SetClock(long sec, long usec) {
-  g_fake_sec = sec;
-  g_fake_usec = usec;
-  g_fake = true;
-}
 
 int32_t Gettid() { return static_cast<int32_t>(syscall(SYS_gettid)); }
 
@@ -84,10 +58,10 @@ class Trace : public ::testing::Test {
   void SetUp() override {
     setenv("TZ", "UTC0", 1);
     tzset();
-    SetClock(kT0, 42);
+    tqtest::SetClock(kT0, 42);
   }
   void TearDown() override {
-    g_fake = false;
+    tqtest::UseRealClock();
     g_tqredis_timestat = 0;
   }
 };
@@ -170,15 +144,15 @@ TEST_F(InLog, SuccessiveStartsReturnSuccessiveSlotsAndWrapAfterThirtyTwo) {
 TEST_F(InLog, NeverRecordedKeyTracesTheOlderSlotsTimeAndTidAndChangesNothing) {
   g_tqredis_timestat = 1;
   // Slot 0 is recorded on another thread, then the ring goes once round.
-  SetClock(kT0, 7);
+  tqtest::SetClock(kT0, 7);
   const int32_t other =
       OnAnotherThread([] { tqredis_db_in_log("/first", 0, 0, 0); });
-  SetClock(kT0, 8);
+  tqtest::SetClock(kT0, 8);
   for (int i = 1; i < 32; ++i) tqredis_db_in_log("/k", 0, 0, 0);
   ASSERT_EQ(g_tqredis_in_log.index, 0u);
   const tqredis_op_log ring = g_tqredis_in_log;
   const tqredis_op_snap snap = g_tqredis_snap;
-  SetClock(kT0 + 9, 99);
+  tqtest::SetClock(kT0 + 9, 99);
   int slot = 0;
   EXPECT_EQ(Logged(TQREDIS_LOG_DATA,
                    [&] { slot = tqredis_db_in_log("/arch/ham/x", 4, 1, 0); }),
@@ -261,7 +235,7 @@ TEST_F(Snapshot, InboundStartFillsTheInboundHalfAndEmptiesTheOutboundHalf) {
   tqredis_db_in_log("/in/1", 0, 0, 0);
   tqredis_db_out_log("/out/1", 1, 1, 1);
   ASSERT_STREQ(g_tqredis_snap.out.key, "/out/1");
-  SetClock(kT0, 50);
+  tqtest::SetClock(kT0, 50);
   const int slot = tqredis_db_in_log("/in/2", 2, 2, 1);
   EXPECT_TRUE(SameRecord(g_tqredis_snap.in, g_tqredis_in_log.records[slot]));
   EXPECT_STREQ(g_tqredis_snap.in.key, "/in/2");
@@ -371,9 +345,9 @@ TEST_F(Snapshot, NullBufferGivesMinusTwoAndLogsAtLevelEight) {
 
 TEST_F(LogStat, MeasuresElapsedTimeBorrowingASecond) {
   g_tqredis_timestat = 1;
-  SetClock(kT0, 600000);
+  tqtest::SetClock(kT0, 600000);
   const int slot = tqredis_db_in_log("/k", 0, 0, 0);
-  SetClock(kT0 + 1, 100000);
+  tqtest::SetClock(kT0 + 1, 100000);
   tqredis_db_in_log_stat(static_cast<uint32_t>(slot));
   const tqredis_op_record &rec = g_tqredis_in_log.records[slot];
   EXPECT_EQ(rec.elapsed_sec, 0);
@@ -387,18 +361,18 @@ TEST_F(LogStat, StrictlyLongerOperationBecomesThePeakAndAnEqualOneDoesNot) {
   g_tqredis_in_log.peak.elapsed_sec = 1;
   g_tqredis_in_log.peak.elapsed_usec = 499999;
 
-  SetClock(kT0, 250000);
+  tqtest::SetClock(kT0, 250000);
   const int slow = tqredis_db_in_log("/slow", 0, 0, 0);
-  SetClock(kT0 + 1, 750000);  // 1.5 s later
+  tqtest::SetClock(kT0 + 1, 750000);  // 1.5 s later
   tqredis_db_in_log_stat(static_cast<uint32_t>(slow));
   const tqredis_op_record first = g_tqredis_in_log.records[slow];
   EXPECT_EQ(first.elapsed_sec, 1);
   EXPECT_EQ(first.elapsed_usec, 500000);
   EXPECT_TRUE(SameRecord(g_tqredis_in_log.peak, first));
 
-  SetClock(kT0 + 10, 0);
+  tqtest::SetClock(kT0 + 10, 0);
   const int same = tqredis_db_in_log("/same", 0, 0, 0);
-  SetClock(kT0 + 11, 500000);
+  tqtest::SetClock(kT0 + 11, 500000);
   tqredis_db_in_log_stat(static_cast<uint32_t>(same));
   EXPECT_EQ(g_tqredis_in_log.records[same].elapsed_sec, 1);
   EXPECT_EQ(g_tqredis_in_log.records[same].elapsed_usec, 500000);
@@ -409,18 +383,18 @@ TEST_F(LogStat, SecondsAreComparedBeforeMicroseconds) {
   g_tqredis_timestat = 1;
   g_tqredis_out_log.peak.elapsed_sec = 0;
   g_tqredis_out_log.peak.elapsed_usec = 999999;
-  SetClock(kT0, 0);
+  tqtest::SetClock(kT0, 0);
   const int longer = tqredis_db_out_log("/one-second", 0, 0, 0);
-  SetClock(kT0 + 1, 0);
+  tqtest::SetClock(kT0 + 1, 0);
   tqredis_db_out_log_stat(static_cast<uint32_t>(longer));
   EXPECT_STREQ(g_tqredis_out_log.peak.key, "/one-second");
 
   g_tqredis_out_log.peak.elapsed_sec = 2;
   g_tqredis_out_log.peak.elapsed_usec = 0;
   std::strcpy(g_tqredis_out_log.peak.key, "/two-seconds");
-  SetClock(kT0, 0);
+  tqtest::SetClock(kT0, 0);
   const int shorter = tqredis_db_out_log("/almost-two", 0, 0, 0);
-  SetClock(kT0 + 1, 999999);
+  tqtest::SetClock(kT0 + 1, 999999);
   tqredis_db_out_log_stat(static_cast<uint32_t>(shorter));
   EXPECT_EQ(g_tqredis_out_log.records[shorter].elapsed_usec, 999999);
   EXPECT_STREQ(g_tqredis_out_log.peak.key, "/two-seconds");
@@ -430,7 +404,7 @@ TEST_F(LogStat, SecondsAreComparedBeforeMicroseconds) {
 TEST_F(LogStat, EndOnAnotherThreadMeasuresNothing) {
   g_tqredis_timestat = 1;
   const int slot = tqredis_db_in_log("/k", 0, 0, 0);
-  SetClock(kT0 + 5, 0);
+  tqtest::SetClock(kT0 + 5, 0);
   OnAnotherThread(
       [slot] { tqredis_db_in_log_stat(static_cast<uint32_t>(slot)); });
   EXPECT_EQ(g_tqredis_in_log.records[slot].elapsed_sec, 0);
@@ -441,7 +415,7 @@ TEST_F(LogStat, EndOnAnotherThreadMeasuresNothing) {
 TEST_F(LogStat, WithoutTimeStatisticsTheEndReturnsAtOnce) {
   const int slot = tqredis_db_in_log("/off", 0, 0, 0);
   EXPECT_EQ(g_tqredis_in_log.records[slot].tid, 0);
-  SetClock(kT0 + 5, 0);
+  tqtest::SetClock(kT0 + 5, 0);
   tqredis_db_in_log_stat(static_cast<uint32_t>(slot));
   EXPECT_EQ(g_tqredis_in_log.records[slot].elapsed_sec, 0);
 
@@ -450,7 +424,7 @@ TEST_F(LogStat, WithoutTimeStatisticsTheEndReturnsAtOnce) {
   g_tqredis_timestat = 1;
   const int on = tqredis_db_in_log("/on", 0, 0, 0);
   g_tqredis_timestat = 0;
-  SetClock(kT0 + 9, 0);
+  tqtest::SetClock(kT0 + 9, 0);
   tqredis_db_in_log_stat(static_cast<uint32_t>(on));
   EXPECT_EQ(g_tqredis_in_log.records[on].elapsed_sec, 0);
   EXPECT_TRUE(IsZero(&g_tqredis_in_log.peak, sizeof(g_tqredis_in_log.peak)));
@@ -479,7 +453,7 @@ TEST_F(LogStat, OutboundEndMeasuresTheOutboundRingOnly) {
   g_tqredis_timestat = 1;
   tqredis_db_in_log("/in", 0, 0, 0);
   const int slot = tqredis_db_out_log("/out", 1, 2, 0);
-  SetClock(kT0 + 2, 42);
+  tqtest::SetClock(kT0 + 2, 42);
   tqredis_db_out_log_stat(static_cast<uint32_t>(slot));
   EXPECT_EQ(g_tqredis_out_log.records[slot].elapsed_sec, 2);
   EXPECT_EQ(g_tqredis_out_log.records[slot].elapsed_usec, 0);
