@@ -50,7 +50,8 @@ FILE *OpenLog(const char *suffix) {
 
 void ReadConfig() {
   char path[128];
-  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir, g_tqredis_proc_name);
+  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir,
+                g_tqredis_proc_name);
   FILE *fp = std::fopen(path, "r");
   if (fp == nullptr) return;  // no file: the defaults stay
   char line[256] = {0};

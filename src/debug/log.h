@@ -39,7 +39,7 @@ enum LogLevel : uint32_t {
 
 // The same for a helper that logs on behalf of the exported function named
 // `func`, whose name the line must carry.
-#define TQ_LOG_FROM(func, line, level, fmt, ...)                              \
+#define TQ_LOG_FROM(func, line, level, fmt, ...)                             \
   (((g_tqredis_dbg_level & (level))                                          \
         ? static_cast<void>(std::printf(TQREDIS_LOG_PREFIX fmt,              \
                                         g_tqredis_proc_name, (func), (line), \
