@@ -2,8 +2,11 @@
 #ifndef TQREDIS_SRC_DEBUG_LOG_H_
 #define TQREDIS_SRC_DEBUG_LOG_H_
 
+#include <sys/time.h>
+
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 
 #include "tqredis.h"
 
@@ -23,6 +26,13 @@ enum LogLevel : uint32_t {
   kLogError = TQREDIS_LOG_ERROR,
   kLogReplyDump = TQREDIS_LOG_DUMP,
 };
+
+// The time of day and its local calendar form, read together.
+struct LocalTime {
+  struct timeval now;
+  struct tm local;
+};
+LocalTime LocalNow();
 
 // The prefix of every line: process name, calling function, source line.
 #define TQREDIS_LOG_PREFIX "[%s]<%s, %d>:"
