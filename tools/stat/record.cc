@@ -44,6 +44,12 @@ std::string KeepEnd(const std::string &text, size_t width) {
   return "..." + text.substr(text.size() - (width - 3));
 }
 
+// "de_global", "ce_global", "host": the record table's columns are narrow,
+// and every database name starts with "redis_".
+std::string ShortDb(const std::string &db) {
+  return db.compare(0, 6, "redis_") == 0 ? db.substr(6) : db;
+}
+
 std::string Pad(const std::string &text, size_t width) {
   return text.size() >= width ? text
                               : text + std::string(width - text.size(), ' ');
@@ -250,7 +256,7 @@ std::string ProcessTable(const Process &p) {
     out += oldest.parsed ? ", from " + Date(oldest.time) + "\n" : "\n";
     size_t db_width = 2, cmd_width = 3, tid_width = 3;
     for (const Record &r : ring->records) {
-      db_width = std::max(db_width, r.db.size());
+      db_width = std::max(db_width, ShortDb(r.db).size());
       cmd_width = std::max(cmd_width, r.cmd.size());
       tid_width = std::max(tid_width, std::to_string(r.tid).size());
     }
@@ -269,9 +275,9 @@ std::string ProcessTable(const Process &p) {
                "\n";
         continue;
       }
-      line += Pad(TimeOfDay(r.time), 15) + "  " + Pad(r.db, db_width) + "  " +
-              Pad(r.cmd, cmd_width) + "  " + PadLeft(Elapsed(r), 8) + "  " +
-              PadLeft(std::to_string(r.tid), tid_width) + "  ";
+      line += Pad(TimeOfDay(r.time), 15) + "  " + Pad(ShortDb(r.db), db_width) +
+              "  " + Pad(r.cmd, cmd_width) + "  " + PadLeft(Elapsed(r), 8) +
+              "  " + PadLeft(std::to_string(r.tid), tid_width) + "  ";
       // With the widest fields little room is left: the key then gets a line
       // of its own rather than a stub.
       const size_t room = kColumns > line.size() ? kColumns - line.size() : 0;
