@@ -1,1 +1,236 @@
-// (being written)
+// The notification pump: the host's loop calls tqredis_pubsub() again and
+// again; it waits for keyspace notifications, checks and delivers them, and
+// does the library's idle work when nothing comes.
+#include "pubsub/pump.h"
+
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "core/keycmd.h"
+#include "core/lock.h"
+#include "core/names.h"
+#include "debug/log.h"
+#include "pubsub/registry.h"
+#include "tqredis.h"
+
+using tqredis::detail::DbName;
+using tqredis::detail::kLogData;
+using tqredis::detail::kLogError;
+using tqredis::detail::kLogLife;
+
+int32_t g_tqredis_idle_ticks = 0;
+uint32_t g_tqredis_pubsub_reading = 0;
+
+namespace {
+
+// A notification: kind, subscribed pattern channel, key channel, event,
+// value.
+constexpr size_t kPmessageElements = 5;
+constexpr size_t kPatternChannel = 1;
+constexpr size_t kKeyChannel = 2;
+constexpr size_t kEvent = 3;
+constexpr size_t kValue = 4;
+// Idle waits between two writes of the operation statistics (one minute
+// at the earliest).
+constexpr int32_t kIdleTicksPerSave = 600;
+constexpr long kWaitUsec = 100000;
+
+std::string_view Text(const redisReply *reply) {
+  return reply->str != nullptr ? std::string_view(reply->str, reply->len)
+                               : std::string_view();
+}
+
+// The text of a channel after its first ':' ("__keyspace@0__:<rest>").
+// REQUIRES: the channel contains ':' (checked by the shape check).
+std::string_view AfterColon(const redisReply *channel) {
+  const std::string_view text = Text(channel);
+  return text.substr(text.find(':') + 1);
+}
+
+bool HasColon(const redisReply *channel) {
+  return Text(channel).find(':') != std::string_view::npos;
+}
+
+}  // namespace
+
+int tqredis_reste_fdset(fd_set *set) {
+  FD_ZERO(set);
+  int max_fd = -1;
+  for (uint32_t db = 0; db < TQREDIS_DB_NUM; ++db) {
+    if (!tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB)) continue;
+    const int fd = tqredis_get_context(db, TQREDIS_OP_PUBSUB)->fd;
+    // Hardening: FD_SET past the set's size would write beyond it.
+    if (fd < 0 || fd >= FD_SETSIZE) {
+      TQ_LOG(kLogError, "%s pubsub fd=%d out of fd_set, not waited for\r\n",
+             DbName(db), fd);
+      continue;
+    }
+    FD_SET(fd, set);
+    if (fd > max_fd) max_fd = fd;
+  }
+  return max_fd;
+}
+
+int tqredis_pubsub(void) {
+  struct timeval timeout = {0, kWaitUsec};
+  fd_set set;
+  // Nothing connected: nfds 0, and select is a plain 100 ms sleep.
+  const int nfds = tqredis_reste_fdset(&set) + 1;
+  const int ready = select(nfds, &set, nullptr, nullptr, &timeout);
+  if (ready < 0) {
+    const int err = errno;
+    TQ_LOG(kLogError, "slect fail for %s\r\n", std::strerror(err));
+    return -1;
+  }
+  if (ready == 0) {
+    // Idle: pipelined writes wait at most one wait for their flush.
+    tqredis_commit_command_all();
+    // Activity does not reset the count, so a busy process still saves.
+    if (++g_tqredis_idle_ticks >= kIdleTicksPerSave) {
+      g_tqredis_idle_ticks = 0;
+      tqredis_db_save_log();
+    }
+    return 0;
+  }
+  tqredis::detail::ScopedLock lock;
+  for (uint32_t db = 0; db < TQREDIS_DB_NUM; ++db) {
+    // Checked again under the lock: a slot may have gone since the wait.
+    const redisContext *context = tqredis_get_context(db, TQREDIS_OP_PUBSUB);
+    if (context == nullptr || context->fd < 0 || context->fd >= FD_SETSIZE ||
+        !FD_ISSET(context->fd, &set)) {
+      continue;
+    }
+    tqredis_get_pubsub(db);
+  }
+  return 0;
+}
+
+// REQUIRES: the global lock.
+int tqredis_get_pubsub(uint32_t db) {
+  redisReply *reply = nullptr;
+  int rv;
+  while ((rv = tqredis_get_pubsub_reply(db, &reply)) == 0) {
+    tqredis_db_deal_pmsg(db, reply);
+    tqredis_free_reply(reply);
+  }
+  if (rv == 1) return 1;
+  const int err = errno;
+  // The connection was live, so dropping it ends the process; the flags are
+  // cleared for a library that would rather reconnect.
+  tqredis_disconnect(TQREDIS_OP_PUBSUB, db);
+  tqredis_psubflag_clear(db);
+  TQ_LOG(kLogLife, ">>>>%s pubsubdb disconnect, error=%s\r\n", DbName(db),
+         std::strerror(err));
+  return rv;
+}
+
+// REQUIRES: the global lock.
+int tqredis_get_pubsub_reply(uint32_t db, redisReply **reply) {
+  redisContext *context = tqredis_get_context(db, TQREDIS_OP_PUBSUB);
+  if (context == nullptr || reply == nullptr) return REDIS_ERR;
+  *reply = nullptr;
+  void *parsed = nullptr;
+  if (g_tqredis_pubsub_reading == 0) {
+    // The socket is readable: one read, then whatever it completed.
+    g_tqredis_pubsub_reading = 1;
+    const int rv = redisGetReply(context, &parsed);
+    *reply = static_cast<redisReply *>(parsed);
+    return rv;
+  }
+  // Parse only what the last read brought in; no socket read.
+  const int rv = redisGetReplyFromReader(context, &parsed);
+  if (rv != REDIS_OK || parsed != nullptr) {
+    *reply = static_cast<redisReply *>(parsed);
+    return rv;
+  }
+  g_tqredis_pubsub_reading = 0;
+  return 1;
+}
+
+int tqredis_check_pubsub_reply(redisReply *reply) {
+  if (reply == nullptr) {
+    TQ_LOG(kLogError, "reply invalid\r\n");
+    return 0;
+  }
+  // A nil or error value (the event of a deleted key) fails the whole
+  // check but is still a notification to deliver. Its shape is checked all
+  // the same, so that a reply accepted here can always be read.
+  if (!tqredis_check_reply(reply)) TQ_LOG(kLogError, "reply invalid\r\n");
+  if (reply->type != REDIS_REPLY_ARRAY ||
+      reply->elements != kPmessageElements || reply->element == nullptr) {
+    TQ_LOG(kLogError, "pmessage error[type=%d size=%zu]\r\n", reply->type,
+           reply->elements);
+    return 0;
+  }
+  for (size_t i = 0; i < kValue; ++i) {
+    if (!tqredis_check_reply(reply->element[i])) {
+      TQ_LOG(kLogError, "element[%d] is null\r\n", static_cast<int>(i));
+      return 0;
+    }
+  }
+  for (size_t i : {kPatternChannel, kKeyChannel}) {
+    if (!HasColon(reply->element[i])) {
+      TQ_LOG(kLogError, "element[%d] invalid\r\n", static_cast<int>(i));
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
+  if (reply == nullptr || pmsg == nullptr || reply->type != REDIS_REPLY_ARRAY ||
+      reply->elements != kPmessageElements || reply->element == nullptr ||
+      reply->element[kKeyChannel] == nullptr ||
+      reply->element[kEvent] == nullptr ||
+      !HasColon(reply->element[kKeyChannel])) {
+    TQ_LOG(kLogError, "input arguments invalid\r\n");
+    return -2;
+  }
+  const std::string_view key = AfterColon(reply->element[kKeyChannel]);
+  std::snprintf(pmsg->key, sizeof(pmsg->key), "%.*s",
+                static_cast<int>(key.size()), key.data());
+  pmsg->cmd = tqredis::detail::KeyCmdFromEvent(Text(reply->element[kEvent]));
+  pmsg->value = reply->element[kValue];
+  return 0;
+}
+
+int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg) {
+  // Read once: another thread may replace the pair meanwhile.
+  const tqredis_pmsg_hook_f hook = g_tqredis_pmsg_hook;
+  return hook != nullptr ? hook(pmsg, g_tqredis_pmsg_hook_arg) : 0;
+}
+
+int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
+  if (db >= TQREDIS_DB_NUM || !tqredis_check_pubsub_reply(reply)) {
+    TQ_LOG(kLogError, "pmessage invalid\r\n");
+    tqredis_print_reply(reply);
+    return -2;
+  }
+  tqredis_pmsg pmsg{};
+  tqredis_get_pmsg_by_reply(reply, &pmsg);
+  pmsg.reserved = 0;
+  pmsg.db = db;
+  // The server echoes the pattern as subscribed: the first node with that
+  // exact text is the subscription it came through.
+  const std::string_view pattern = AfterColon(reply->element[kPatternChannel]);
+  if (!g_tqredis_pubsub_list_inited) return 0;  // nothing registered
+  tqredis_pubsub_node *head = &g_tqredis_pubsub_list[db];
+  tqredis_pubsub_node *node = head->next;
+  while (node != head && pattern != node->key_pattern) node = node->next;
+  if (node == head) return 0;  // no longer ours: dropped silently
+  const int index =
+      tqredis_db_in_log(pmsg.key, static_cast<uint32_t>(pmsg.cmd), db, 0);
+  node->hook(&pmsg, node->hook_arg);
+  // Only the subscription's own hook is timed.
+  if (index != -1) tqredis_db_in_log_stat(static_cast<uint32_t>(index));
+  tqredis_call_pmsg_hook(&pmsg);
+  TQ_LOG(kLogData, "pmessage over[db=%s pattern=%.*s key=%s cmd=%s]\r\n",
+         DbName(db), static_cast<int>(pattern.size()), pattern.data(), pmsg.key,
+         g_tqredis_keycmd_str[pmsg.cmd]);
+  return 0;
+}

@@ -1,1 +1,106 @@
-// (being written)
+// Turning registered subscriptions into pattern subscriptions on each
+// database's pubsub connection, and the data checks after each (re)making.
+#include "core/lock.h"
+#include "core/names.h"
+#include "debug/log.h"
+#include "pubsub/registry.h"
+#include "tqredis.h"
+
+using tqredis::detail::DbName;
+using tqredis::detail::kLogError;
+using tqredis::detail::kLogLife;
+using tqredis::detail::kLogWarn;
+using tqredis::detail::PubsubListEmpty;
+
+// REQUIRES: the global lock.
+int tqredis_psubscrible(tqredis_pubsub_node *node) {
+  if (node == nullptr || node->key_db >= TQREDIS_DB_NUM) {
+    TQ_LOG(kLogError, "input arguments invalid\r\n");
+    return -1;
+  }
+  const uint32_t db = node->key_db;
+  if (!tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB)) {
+    TQ_LOG(kLogWarn, "pubsub %s not connected\r\n", DbName(db));
+    return -1;
+  }
+  if (node->flag) return 1;
+  // Keyspace events of logical database 0, whatever the connection's id.
+  auto *reply = static_cast<redisReply *>(
+      redisCommand(tqredis_get_context(db, TQREDIS_OP_PUBSUB),
+                   "PSUBSCRIBE __keyspace@%d__:%s",
+                   static_cast<int>(node->dbid), node->key_pattern));
+  int rv = 0;
+  if (tqredis_check_reply(reply)) {
+    node->flag = 1;
+    TQ_LOG(kLogLife, ">>>>psubscribe %s@%d %s ok\r\n", DbName(db),
+           static_cast<int>(node->dbid), node->key_pattern);
+  } else {
+    // A connection that refused one subscription is not trusted with the
+    // others: drop it, so every pattern is made again on a new one.
+    tqredis_disconnect(TQREDIS_OP_PUBSUB, db);
+    tqredis_psubflag_clear(db);
+    TQ_LOG(kLogError, "psubscribe %s@%d %s fail\r\n", DbName(db),
+           static_cast<int>(node->dbid), node->key_pattern);
+    rv = -1;
+  }
+  if (reply != nullptr) tqredis_free_reply(reply);
+  return rv;
+}
+
+// REQUIRES: the global lock.
+void tqredis_psubflag_clear(uint32_t db) {
+  if (db >= TQREDIS_DB_NUM) return;
+  // While connected the server still holds the subscriptions: forgetting
+  // them here would subscribe every pattern twice.
+  if (tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB)) {
+    TQ_LOG(kLogError, "connected db[%d] not allow to clear flag\r\n",
+           static_cast<int>(db));
+    return;
+  }
+  tqredis_pubsub_list_init();
+  if (PubsubListEmpty(db)) {
+    g_tqredis_datacheck[db] = 0;
+    return;
+  }
+  tqredis_pubsub_node *head = &g_tqredis_pubsub_list[db];
+  for (tqredis_pubsub_node *node = head->next; node != head; node = node->next)
+    node->flag = 0;
+}
+
+// REQUIRES: the global lock.
+int tqredis_db_need_data_check(uint32_t db) {
+  if (db >= TQREDIS_DB_NUM) return 0;
+  tqredis_pubsub_list_init();
+  if (PubsubListEmpty(db)) {
+    if (g_tqredis_datacheck[db]) return 0;
+    g_tqredis_datacheck[db] = 1;
+    return 1;
+  }
+  // Every node is tried, without an early stop: one pass makes them all.
+  bool standing = false;
+  tqredis_pubsub_node *head = &g_tqredis_pubsub_list[db];
+  for (tqredis_pubsub_node *node = head->next; node != head;
+       node = node->next) {
+    if (tqredis_psubscrible(node) == 1) standing = true;
+  }
+  return standing ? 0 : 1;
+}
+
+void tqredis_db_psubscrible(void) {
+  tqredis::detail::ScopedLock lock;
+  for (uint32_t db = 0; db < TQREDIS_DB_NUM; ++db) {
+    // Evaluated first: it makes the subscriptions.
+    if (tqredis_db_need_data_check(db) != 1 ||
+        !tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB)) {
+      continue;
+    }
+    TQ_LOG(kLogLife, ">>>>>%s data check begin...\r\n", DbName(db));
+    const tqredis_data_check_node *head = &g_tqredis_data_check_list;
+    for (const tqredis_data_check_node *node = head->next; node != head;
+         node = node->next) {
+      node->data_check_f(db);  // its result is the host's affair
+    }
+    TQ_LOG(kLogLife, ">>>>>%s data check over\r\n", DbName(db));
+    tqredis_datacheck_num_inc(db);
+  }
+}

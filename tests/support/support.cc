@@ -86,16 +86,9 @@ ReplyPtr ParseReply(std::string_view resp) {
   return ReplyPtr(static_cast<redisReply *>(reply));
 }
 
-ChildResult RunProbe(const std::string &name,
-                     const std::vector<std::string> &args) {
+ChildResult RunProgram(const std::vector<std::string> &argv) {
   ChildResult result;
-  char dir[] = "/tmp/tqtest-probe-XXXXXX";
-  if (mkdtemp(dir) == nullptr) return result;
-  const std::string link = std::string(dir) + "/" + name;
-  if (symlink(TQPROBE_PATH, link.c_str()) != 0) {
-    rmdir(dir);
-    return result;
-  }
+  if (argv.empty()) return result;
   int pipe_fds[2];
   if (pipe(pipe_fds) != 0) return result;
   std::fflush(nullptr);
@@ -104,21 +97,37 @@ ChildResult RunProbe(const std::string &name,
     dup2(pipe_fds[1], 1);
     close(pipe_fds[0]);
     close(pipe_fds[1]);
-    std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(link.c_str()));
-    for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(link.c_str(), argv.data());
+    std::vector<char *> args;
+    for (const std::string &arg : argv)
+      args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
     _exit(127);
   }
   close(pipe_fds[1]);
   char buf[4096];
   ssize_t n;
-  while ((n = read(pipe_fds[0], buf, sizeof(buf))) > 0) result.out.append(buf, n);
+  while ((n = read(pipe_fds[0], buf, sizeof(buf))) > 0)
+    result.out.append(buf, n);
   close(pipe_fds[0]);
   int status = 0;
   waitpid(pid, &status, 0);
   if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
+  return result;
+}
+
+ChildResult RunProbe(const std::string &name,
+                     const std::vector<std::string> &args) {
+  char dir[] = "/tmp/tqtest-probe-XXXXXX";
+  if (mkdtemp(dir) == nullptr) return {};
+  const std::string link = std::string(dir) + "/" + name;
+  if (symlink(TQPROBE_PATH, link.c_str()) != 0) {
+    rmdir(dir);
+    return {};
+  }
+  std::vector<std::string> argv{link};
+  argv.insert(argv.end(), args.begin(), args.end());
+  ChildResult result = RunProgram(argv);
   unlink(link.c_str());
   rmdir(dir);
   return result;

@@ -50,6 +50,9 @@ struct ChildResult {
   int exit_code = -1;  // -1 when the child did not exit normally
   std::string out;     // its standard output
 };
+// Runs argv[0] (a path) with its arguments and waits for it.
+ChildResult RunProgram(const std::vector<std::string> &argv);
+
 // Runs the probe program under the process name `name` (through a link of
 // that name), with `args` after it; waits for it.
 ChildResult RunProbe(const std::string &name,
