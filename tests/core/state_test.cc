@@ -23,13 +23,14 @@ std::string ExpectedSlot(const char *op, const char *db, const char *path,
 }
 
 std::string ExpectedDump(int initok) {
-  std::string out = "basic:\r\n\tprocname=state_test\r\n\tinitok=" +
-                    std::to_string(initok) + "\r\nconnect_mng:\r\n";
+  std::string out =
+      "basic:\r\n\tprocname=state_test\r\n\tinitok=" + std::to_string(initok) +
+      "\r\nconnect_mng:\r\n";
   for (const char *op : {"read", "write", "pubsub"}) {
-    out += ExpectedSlot(op, "redis_de_global", "/tmp/redis/redis_de_global.sock",
-                        "0x100000");
-    out += ExpectedSlot(op, "redis_ce_global", "/tmp/redis/redis_ce_global.sock",
-                        "0x100001");
+    out += ExpectedSlot(op, "redis_de_global",
+                        "/tmp/redis/redis_de_global.sock", "0x100000");
+    out += ExpectedSlot(op, "redis_ce_global",
+                        "/tmp/redis/redis_ce_global.sock", "0x100001");
     out += ExpectedSlot(op, "redis_host", "/tmp/redis/redis_host.sock", "");
   }
   return out;
@@ -57,11 +58,11 @@ TEST(NameTables, HoldTheDatabaseAndOperationNames) {
 
 TEST(NameTables, KeyCommandTableKeepsItsOrderAndMisspellings) {
   const char *expected[28] = {
-      "set",     "del",    "hset",    "hdel",     "sadd",      "srem",
-      "spop",    "zadd",   "zrem",    "expire",   "expired",   "lpush",
-      "rpush",   "lrem",   "flushdb", "get",      "hmget",     "hgetall",
-      "lindex",  "smermbers", "sismermber", "pexpire", "scan", "bgsave",
-      "psetex",  "pttl",   "clientlistname", "other"};
+      "set",    "del",       "hset",           "hdel",    "sadd",    "srem",
+      "spop",   "zadd",      "zrem",           "expire",  "expired", "lpush",
+      "rpush",  "lrem",      "flushdb",        "get",     "hmget",   "hgetall",
+      "lindex", "smermbers", "sismermber",     "pexpire", "scan",    "bgsave",
+      "psetex", "pttl",      "clientlistname", "other"};
   for (int id = 0; id < 28; ++id) {
     EXPECT_STREQ(g_tqredis_keycmd_str[id], expected[id]) << "id " << id;
   }
@@ -70,8 +71,10 @@ TEST(NameTables, KeyCommandTableKeepsItsOrderAndMisspellings) {
 TEST(Constructor, LogsEnterAsTheFirstLimitedLogLine) {
   const std::string log = tqtest::ReadFile(tqtest::LogPath("limitlog"));
   EXPECT_TRUE(std::regex_match(
-      log, std::regex(std::string("^") + kStamp +
-                      R"(\[state_test\]<tqredis_initial, \d+>:>>>>state_test enter\r\n$)")))
+      log,
+      std::regex(
+          std::string("^") + kStamp +
+          R"(\[state_test\]<tqredis_initial, \d+>:>>>>state_test enter\r\n$)")))
       << log;
 }
 
@@ -80,24 +83,37 @@ TEST(Constructor, LeavesInitNotDoneAndWritesNothingUnlimited) {
   EXPECT_EQ(tqtest::ReadFile(tqtest::LogPath("unlimitlog")), "");
 }
 
+int NoDataCheck(uint32_t) { return 0; }
+pubsub_mng g_one_entry[1] = {
+    {2, "k*", [](tqredis_pmsg *, void *) { return 0; }, nullptr}};
+
 TEST(Init, SetsInitOkAndLogsFlagAndResult) {
-  EXPECT_EQ(tqredis_init(nullptr, 0, nullptr, 2), 0);
+  EXPECT_EQ(tqredis_init(g_one_entry, 1, NoDataCheck, 2), 0);
   EXPECT_EQ(g_tqredis_init_ok, 1);
-  const auto lines = tqtest::Lines(tqtest::ReadFile(tqtest::LogPath("limitlog")));
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_TRUE(std::regex_match(
-      lines[1], std::regex(std::string("^") + kStamp +
-                           R"(\[state_test\]<tqredis_init, \d+>:>>>>tqredis\[flag=0x2\] init, rv=0\r\n$)")))
+  const auto lines =
+      tqtest::Lines(tqtest::ReadFile(tqtest::LogPath("limitlog")));
+  ASSERT_EQ(lines.size(), 3u);  // enter, the subscription, init
+  EXPECT_NE(lines[1].find(">:psub register redis_host k*\r\n"),
+            std::string::npos)
       << lines[1];
+  EXPECT_TRUE(std::regex_match(
+      lines[2],
+      std::regex(
+          std::string("^") + kStamp +
+          R"(\[state_test\]<tqredis_init, \d+>:>>>>tqredis\[flag=0x2\] init, rv=0\r\n$)")))
+      << lines[2];
 }
 
 TEST(Init, FlagZeroPrintsTheFlagAsPlainZero) {
   g_tqredis_dbg_level = TQREDIS_LOG_LIFE;
   tqtest::StdoutCapture capture;
-  tqredis_init(nullptr, 0, nullptr, 0);
+  tqredis_init(g_one_entry, 1, NoDataCheck, 0);
   const std::string out = capture.Finish();
   EXPECT_TRUE(std::regex_match(
-      out, std::regex(R"(^\[state_test\]<tqredis_init, \d+>:>>>>tqredis\[flag=0\] init, rv=0\r\n$)")))
+      out,
+      std::regex(
+          R"(^\[state_test\]<tqredis_pubsub_register, \d+>:psub register redis_host k\*\r\n)"
+          R"(\[state_test\]<tqredis_init, \d+>:>>>>tqredis\[flag=0\] init, rv=0\r\n$)")))
       << out;
 }
 
@@ -112,12 +128,15 @@ TEST(Init, IgnoresSigpipe) {
 }
 
 TEST(Init, CalledTwiceRunsTwice) {
-  EXPECT_EQ(tqredis_init(nullptr, 0, nullptr, 0), 0);
-  EXPECT_EQ(tqredis_init(nullptr, 0, nullptr, 2), 0);
-  const auto lines = tqtest::Lines(tqtest::ReadFile(tqtest::LogPath("limitlog")));
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[1].find(">>>>tqredis[flag=0] init, rv=0\r\n"), std::string::npos);
-  EXPECT_NE(lines[2].find(">>>>tqredis[flag=0x2] init, rv=0\r\n"), std::string::npos);
+  EXPECT_EQ(tqredis_init(g_one_entry, 1, NoDataCheck, 0), 0);
+  EXPECT_EQ(tqredis_init(g_one_entry, 1, NoDataCheck, 2), 0);
+  const auto lines =
+      tqtest::Lines(tqtest::ReadFile(tqtest::LogPath("limitlog")));
+  ASSERT_EQ(lines.size(), 5u);  // each call registers its table again
+  EXPECT_NE(lines[2].find(">>>>tqredis[flag=0] init, rv=0\r\n"),
+            std::string::npos);
+  EXPECT_NE(lines[4].find(">>>>tqredis[flag=0x2] init, rv=0\r\n"),
+            std::string::npos);
 }
 
 TEST(DbExist, AllThreeDatabasesExist) {
@@ -165,6 +184,14 @@ TEST(ConnectMng, RefillingKeepsTheSameEndpoints) {
   EXPECT_EQ(capture.Finish(), ExpectedDump(0));
 }
 
-TEST(InitPubsub, AcceptsAnEmptyTable) {
-  EXPECT_EQ(tqredis_init_pubsub(nullptr, 0, nullptr), 0);
+TEST(Init, HandsBackTheRegistrationResultAndStillSetsInitOk) {
+  // No data check: the registration refuses, init still completes.
+  EXPECT_EQ(tqredis_init(g_one_entry, 1, nullptr, 0), -2);
+  EXPECT_EQ(g_tqredis_init_ok, 1);
+  const auto lines =
+      tqtest::Lines(tqtest::ReadFile(tqtest::LogPath("limitlog")));
+  ASSERT_FALSE(lines.empty());
+  EXPECT_NE(lines.back().find(">>>>tqredis[flag=0] init, rv=-2\r\n"),
+            std::string::npos)
+      << lines.back();
 }

@@ -12,7 +12,8 @@
 namespace {
 
 struct Settings {
-  unsigned dbglevel = 0xdead, filelevel = 0xdead, timestat = 0xdead, thres = 0xdead;
+  unsigned dbglevel = 0xdead, filelevel = 0xdead, timestat = 0xdead,
+           thres = 0xdead;
 };
 
 // Writes "/data/tqredis/<name>.dbg" (unless content is null), runs the probe
@@ -54,7 +55,8 @@ TEST(Config, MissingFileKeepsTheDefaults) {
 }
 
 TEST(Config, ThreeKeysSetConsoleFileAndTimeStatistics) {
-  const Settings s = Load("cfg_example", "dbglevel=0x9\nfilelevel=15\ntimestat=1\n");
+  const Settings s =
+      Load("cfg_example", "dbglevel=0x9\nfilelevel=15\ntimestat=1\n");
   EXPECT_EQ(s.dbglevel, 9u);
   EXPECT_EQ(s.filelevel, 15u);
   EXPECT_EQ(s.timestat, 1u);
@@ -69,7 +71,8 @@ TEST(Config, LeadingZeroReadsOctal) {
 }
 
 TEST(Config, LaterLineOverridesEarlierOne) {
-  EXPECT_EQ(Load("cfg_override", "timestat=1\n# more\ntimestat=0\n").timestat, 0u);
+  EXPECT_EQ(Load("cfg_override", "timestat=1\n# more\ntimestat=0\n").timestat,
+            0u);
 }
 
 TEST(Config, BlankBeforeKeyReadsFromTheEqualsSignAndGivesZero) {
@@ -118,8 +121,7 @@ TEST(Config, OverLongLineIsReadInPiecesWithoutOverrun) {
 }
 
 TEST(Config, HugeNumberIsTruncatedToThirtyTwoBits) {
-  EXPECT_EQ(Load("cfg_huge", "dbglevel=0x1ffffffff\n").dbglevel,
-            0xffffffffu);
+  EXPECT_EQ(Load("cfg_huge", "dbglevel=0x1ffffffff\n").dbglevel, 0xffffffffu);
 }
 
 TEST(Config, CommitThresholdIsNotAConfigurationKey) {
@@ -127,8 +129,9 @@ TEST(Config, CommitThresholdIsNotAConfigurationKey) {
 }
 
 TEST(DbgCfg, EachTypeChangesItsSetting) {
-  const auto child = tqtest::RunProbe(
-      "cfg_runtime", {"cfg", "0", "1", "cfg", "1", "9", "cfg", "2", "1", "cfg", "3", "7", "state"});
+  const auto child =
+      tqtest::RunProbe("cfg_runtime", {"cfg", "0", "1", "cfg", "1", "9", "cfg",
+                                       "2", "1", "cfg", "3", "7", "state"});
   ASSERT_EQ(child.exit_code, 0);
   EXPECT_NE(child.out.find("dbglevel=1\nfilelevel=9\ntimestat=1\nthres=7\n"),
             std::string::npos)
@@ -136,7 +139,8 @@ TEST(DbgCfg, EachTypeChangesItsSetting) {
 }
 
 TEST(DbgCfg, UnknownTypeChangesNothing) {
-  const auto child = tqtest::RunProbe("cfg_unknown", {"cfg", "7", "1", "cfg", "-1", "5", "state"});
+  const auto child = tqtest::RunProbe(
+      "cfg_unknown", {"cfg", "7", "1", "cfg", "-1", "5", "state"});
   ASSERT_EQ(child.exit_code, 0);
   EXPECT_NE(child.out.find("dbglevel=0\nfilelevel=2\ntimestat=0\nthres=32\n"),
             std::string::npos)

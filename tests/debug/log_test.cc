@@ -15,7 +15,9 @@ namespace {
 const std::string kStamp = R"(\d{8}_\d{2}:\d{2}:\d{2}\.\d{6} )";
 
 std::string Limited() { return tqtest::ReadFile(tqtest::LogPath("limitlog")); }
-std::string Unlimited() { return tqtest::ReadFile(tqtest::LogPath("unlimitlog")); }
+std::string Unlimited() {
+  return tqtest::ReadFile(tqtest::LogPath("unlimitlog"));
+}
 
 long FileSize(const std::string &path) {
   struct stat st;
@@ -48,7 +50,9 @@ TEST(LogDefaults, ErrorIsNeitherPrintedNorWritten) {
   const std::string before = Limited();
   tqtest::StdoutCapture capture;
   // A conversion refused for a missing reply is a level-8 error.
-  EXPECT_EQ(tqredis_convert_reply_value(nullptr, 0, nullptr, 10, nullptr, nullptr), -2);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(nullptr, 0, nullptr, 10, nullptr, nullptr),
+      -2);
   EXPECT_EQ(capture.Finish(), "");
   EXPECT_EQ(Limited(), before);
   EXPECT_EQ(Unlimited(), "");
@@ -77,7 +81,8 @@ TEST(Console, LineCarriesProcessFunctionAndLine) {
   tqtest::StdoutCapture capture;
   check_reply(&nil);
   const std::string out = capture.Finish();
-  EXPECT_TRUE(std::regex_match(out, std::regex(R"(^\[log_test\]<check_reply, \d+>:reply nil\r\n$)")))
+  EXPECT_TRUE(std::regex_match(
+      out, std::regex(R"(^\[log_test\]<check_reply, \d+>:reply nil\r\n$)")))
       << out;
 }
 
@@ -85,12 +90,14 @@ TEST(Console, MaskSelectsLevelsBitByBit) {
   g_tqredis_dbg_level = TQREDIS_LOG_WARN;  // not 1, not 2
   redisReply nil = Nil();
   tqtest::StdoutCapture capture;
-  check_reply(&nil);                       // level 1
-  tqredis_init(nullptr, 0, nullptr, 0);    // level 2
-  tqredis_dbg_cfg(9, 0);                   // level 4
+  check_reply(&nil);                     // level 1
+  tqredis_init(nullptr, 0, nullptr, 0);  // level 2
+  tqredis_dbg_cfg(9, 0);                 // level 4
   const std::string out = capture.Finish();
   EXPECT_TRUE(std::regex_match(
-      out, std::regex(R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[9\] value=0\r\n$)")))
+      out,
+      std::regex(
+          R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[9\] value=0\r\n$)")))
       << out;
 }
 
@@ -99,7 +106,9 @@ TEST(DbgCfg, ConsoleChangeAppliesToItsOwnMessage) {
   tqredis_dbg_cfg(0, TQREDIS_LOG_WARN);
   const std::string on = capture.Finish();
   EXPECT_TRUE(std::regex_match(
-      on, std::regex(R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[0\] value=4\r\n$)")))
+      on,
+      std::regex(
+          R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[0\] value=4\r\n$)")))
       << on;
   EXPECT_EQ(g_tqredis_dbg_level, 4u);
   tqtest::StdoutCapture capture2;
@@ -114,8 +123,10 @@ TEST(DbgCfg, FileLevelChangeAppliesToItsOwnMessage) {
   const auto lines = tqtest::Lines(Limited());
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_TRUE(std::regex_match(
-      lines[1], std::regex("^" + kStamp +
-                           R"(\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[1\] value=15\r\n$)")))
+      lines[1],
+      std::regex(
+          "^" + kStamp +
+          R"(\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[1\] value=15\r\n$)")))
       << lines[1];
 }
 
@@ -129,7 +140,9 @@ TEST(DbgCfg, UnknownTypeChangesNothingButIsLogged) {
   EXPECT_EQ(tqredis_get_log_fp(TQREDIS_LOG_DATA), nullptr);
   EXPECT_NE(tqredis_get_log_fp(TQREDIS_LOG_WARN), nullptr);
   EXPECT_TRUE(std::regex_match(
-      out, std::regex(R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[7\] value=1\r\n$)")))
+      out,
+      std::regex(
+          R"(^\[log_test\]<tqredis_dbg_cfg, \d+>:set type\[7\] value=1\r\n$)")))
       << out;
   const auto lines = tqtest::Lines(Limited());
   ASSERT_EQ(lines.size(), 3u);
@@ -140,7 +153,8 @@ TEST(DbgCfg, ValueIsPrintedAsSigned) {
   g_tqredis_dbg_level = TQREDIS_LOG_WARN;
   tqtest::StdoutCapture capture;
   tqredis_dbg_cfg(5, 0xffffffffu);
-  EXPECT_NE(capture.Finish().find(":set type[5] value=-1\r\n"), std::string::npos);
+  EXPECT_NE(capture.Finish().find(":set type[5] value=-1\r\n"),
+            std::string::npos);
 }
 
 TEST(LogFp, CombinedBitsAreNeverWritten) {
@@ -194,9 +208,11 @@ TEST(LogFile, EachLevelGoesToItsFile) {
 
 TEST(LogFile, LineIsStampBlankAndTheTextAsFormatted) {
   const std::string before = Limited();
-  EXPECT_EQ(tqredis_dbg_logfile(2, "[%s]<%s, %d>:%s\r\n", "p", "f", 12, "hello"), 0);
+  EXPECT_EQ(
+      tqredis_dbg_logfile(2, "[%s]<%s, %d>:%s\r\n", "p", "f", 12, "hello"), 0);
   const std::string line = Limited().substr(before.size());
-  EXPECT_TRUE(std::regex_match(line, std::regex("^" + kStamp + R"(\[p\]<f, 12>:hello\r\n$)")))
+  EXPECT_TRUE(std::regex_match(
+      line, std::regex("^" + kStamp + R"(\[p\]<f, 12>:hello\r\n$)")))
       << line;
 }
 
@@ -231,7 +247,8 @@ TEST(LogFile, At32769TheNextLineOverwritesTheStartAndKeepsTheLength) {
   tqredis_dbg_logfile(2, "wrapped\r\n");
   const std::string log = Limited();
   ASSERT_EQ(log.size(), 32769u);
-  EXPECT_TRUE(std::regex_match(log.substr(0, 34), std::regex("^" + kStamp + "wrapped\r\n$")));
+  EXPECT_TRUE(std::regex_match(log.substr(0, 34),
+                               std::regex("^" + kStamp + "wrapped\r\n$")));
   EXPECT_EQ(log.substr(34), before.substr(34));
   // The following line goes on from there, not from the end.
   tqredis_dbg_logfile(2, "next\r\n");
