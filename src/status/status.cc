@@ -135,8 +135,9 @@ int tqredis_get_proc_dbstatus(uint32_t db, const char *proc,
       st[op].online = 0;
       continue;
     }
+    // At most 127 bytes with its terminator; the query itself is not cut.
     char client[128];
-    std::snprintf(client, sizeof client, "%s-%s", proc, op_name);
+    std::snprintf(client, sizeof client - 1, "%s-%s", proc, op_name);
     tqredis_db_out_log(client, kKeyCmd_clientlistname, db, 0);
     // Flag 2: a client that cannot be asked now is reported offline rather
     // than waited for.

@@ -305,3 +305,18 @@ TEST(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
             std::string::npos)
       << log;
 }
+
+TEST_F(DbstatusPeer, LongProcessNameIsTracedCutAndQueriedWhole) {
+  Serve({{"CLIENT LIST ", {Bulk("offline")}}});
+  const std::string proc(200, 'p');
+  Records r;
+  const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
+    EXPECT_EQ(tqredis_get_proc_dbstatus(0, proc.c_str(), r.st), 0);
+  });
+  EXPECT_NE(WithoutTimes(log).find("clientlistname " + std::string(126, 'p') +
+                                   " flag=0 tid=0\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_EQ(peer_->Commands("CLIENT LIST").front(),
+            "CLIENT LIST " + proc + "-read");
+}
