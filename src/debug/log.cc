@@ -50,7 +50,8 @@ FILE *OpenLog(const char *suffix) {
 
 void ReadConfig() {
   char path[128];
-  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir, g_tqredis_proc_name);
+  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir,
+                g_tqredis_proc_name);
   FILE *fp = std::fopen(path, "r");
   if (fp == nullptr) return;  // no file: the defaults stay
   char line[256] = {0};
@@ -67,6 +68,19 @@ void ReadConfig() {
 }
 
 }  // namespace
+
+namespace tqredis::detail {
+
+LocalTime LocalNow() {
+  LocalTime time;
+  gettimeofday(&time.now, nullptr);
+  const time_t seconds = time.now.tv_sec;
+  std::memset(&time.local, 0, sizeof(time.local));
+  localtime_r(&seconds, &time.local);
+  return time;
+}
+
+}  // namespace tqredis::detail
 
 int tqredis_dbg_init(void) {
   // Made here when missing, so that a process on a fresh system still logs.
@@ -101,18 +115,14 @@ int tqredis_dbg_logfile(uint32_t level, const char *format, ...) {
   // tail of older lines stays behind the write position.
   if (std::ftell(fp) >= kLogFileBound) std::fseek(fp, 0, SEEK_SET);
 
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  const time_t seconds = tv.tv_sec;
-  struct tm tm;
-  std::memset(&tm, 0, sizeof(tm));
-  localtime_r(&seconds, &tm);
+  const tqredis::detail::LocalTime time = tqredis::detail::LocalNow();
+  const struct tm &tm = time.local;
   char stamp[32] = {0};
   // A real date takes 24 characters; the bound only guards the buffer.
   if (std::snprintf(stamp, 31, "%04d%02d%02d_%02d:%02d:%02d.%06lu",
                     tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
                     tm.tm_min, tm.tm_sec,
-                    static_cast<unsigned long>(tv.tv_usec)) < 0) {
+                    static_cast<unsigned long>(time.now.tv_usec)) < 0) {
     stamp[0] = '\0';
   }
   std::fprintf(fp, "%s ", stamp);

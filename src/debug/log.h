@@ -2,8 +2,11 @@
 #ifndef TQREDIS_SRC_DEBUG_LOG_H_
 #define TQREDIS_SRC_DEBUG_LOG_H_
 
+#include <sys/time.h>
+
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 
 #include "tqredis.h"
 
@@ -24,6 +27,13 @@ enum LogLevel : uint32_t {
   kLogReplyDump = TQREDIS_LOG_DUMP,
 };
 
+// The time of day and its local calendar form, read together.
+struct LocalTime {
+  struct timeval now;
+  struct tm local;
+};
+LocalTime LocalNow();
+
 // The prefix of every line: process name, calling function, source line.
 #define TQREDIS_LOG_PREFIX "[%s]<%s, %d>:"
 
@@ -39,7 +49,7 @@ enum LogLevel : uint32_t {
 
 // The same for a helper that logs on behalf of the exported function named
 // `func`, whose name the line must carry.
-#define TQ_LOG_FROM(func, line, level, fmt, ...)                              \
+#define TQ_LOG_FROM(func, line, level, fmt, ...)                             \
   (((g_tqredis_dbg_level & (level))                                          \
         ? static_cast<void>(std::printf(TQREDIS_LOG_PREFIX fmt,              \
                                         g_tqredis_proc_name, (func), (line), \

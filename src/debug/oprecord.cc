@@ -126,12 +126,9 @@ int tqredis_db_cmd_record(tqredis_op_record *rec, const char *key, int keycmd,
   for (const char *space : kUnrecordedKeys) {
     if (std::strstr(key, space) != nullptr) return -1;
   }
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  const time_t seconds = now.tv_sec;
-  struct tm tm;
-  std::memset(&tm, 0, sizeof(tm));
-  localtime_r(&seconds, &tm);
+  const tqredis::detail::LocalTime time = tqredis::detail::LocalNow();
+  const struct tm &tm = time.local;
+  const struct timeval &now = time.now;
 
   // Zeroed first: a reused slot keeps no bytes of its previous record, and a
   // snapshot handed out holds nothing but this operation.

@@ -7,8 +7,8 @@
 #include "tqredis.h"
 
 // Zero at load, never reset. Every reader and writer holds the global lock.
-extern "C" tqredis_op_log g_tqredis_in_log;   // notifications, replayed keys
-extern "C" tqredis_op_log g_tqredis_out_log;  // writes
+extern "C" tqredis_op_log g_tqredis_in_log;     // notifications, replayed keys
+extern "C" tqredis_op_log g_tqredis_out_log;    // writes
 extern "C" tqredis_op_snap g_tqredis_snap;      // filled as operations happen
 extern "C" tqredis_op_snap g_tqredis_ham_snap;  // as last handed out
 
