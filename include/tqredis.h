@@ -791,12 +791,13 @@ TQREDIS_API int tqredis_key_pexpire(int db, const char *key, void *arg);
  * time to live could not be read ("PTTL get expire time fail, rv=%d", level
  * 1; rv -2 for no reply or a NULL key). Nothing is held between the read
  * and the delete, so the key may change in between.
- * Where writes share the read connection (always for redis_host, and for
- * every database on the master card), the PEXPIRE and DEL of the three
- * functions above are sent on the read path and their replies read and
- * freed at once: a reply left unread there would be handed to the next read,
- * such as the walk's next PTTL or SCAN. On a card with write connections
- * they are pipelined writes (the DEL waits for the commit threshold). */
+ * Where writes share the read connection (always for redis_host, for every
+ * database on the master card, and while the card information is unknown),
+ * the PEXPIRE and DEL of these three functions are sent on the read path
+ * and their replies read and freed at once: a reply left unread there would
+ * be handed to the next read, such as the walk's next PTTL or SCAN. On a
+ * card with write connections they are pipelined writes (the DEL waits for
+ * the commit threshold). */
 TQREDIS_API int tqredis_expire_key_del(int db, const char *key, void *arg);
 
 /* ---- Key pattern scan ----------------------------------------------------- */
