@@ -1,175 +1,243 @@
-/* A small device process: loads tqredis, initialises it with one
- * subscription, replays the keys that already exist before it listens,
- * gives a family of keys a time to live and deletes the expiring ones,
- * prints its own client status on every database, then writes, reads and
- * pipelines. Run it with the device's database servers up (scripts/main.sh
- * starts the emulator). */
+/* tqexample: a device process, written the way we want device processes to
+ * be written. It watches a few keys on each of the three databases, replays
+ * their current state when it starts, handles every change as it arrives
+ * while a worker thread changes keys, gives keys a time to live, checks its
+ * own connections, and leaves its statistics in redis_host when it ends.
+ * Run it with the device's database servers up: scripts/main.sh starts the
+ * emulator, runs this process and shows its statistics with tqredis-stat. */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "tqredis.h"
 
-#define STATE_KEYS "example:state:*"
-#define SESSION_KEYS "example:session:*"
+/* What the process watches: one family of keys per database, each read back
+ * by its type when replayed. */
+typedef struct watch {
+  const char *what;
+  int kind; /* TQREDIS_SCAN_STRING, _HASH or _SET */
+} watch;
 
-static int notifications;
+static watch fans = {"fan", TQREDIS_SCAN_HASH};
+static watch cards = {"card", TQREDIS_SCAN_STRING};
+static watch alarms = {"alarm", TQREDIS_SCAN_SET};
 
-/* Subscription hook: live notifications and replayed keys alike. The record
- * and its value are the library's, valid during this call only. */
-static int on_state(tqredis_pmsg *pmsg, void *arg) {
-  char *text = NULL;
-  int len = 0;
-  if (tqredis_get_key_reply_strval(pmsg->value, &text, &len) == 0) {
-    printf("   %s %s: %s %s = \"%.*s\"\n", (const char *)arg,
-           g_tqredis_dbstr[pmsg->db], g_tqredis_keycmd_str[pmsg->cmd],
-           pmsg->key, len, text);
+static pthread_mutex_t done_mutex = PTHREAD_MUTEX_INITIALIZER;
+static int worker_done;
+
+/* A value as a person reads it: a string in quotes, the fields and values
+ * of a hash or the members of a set joined by blanks, "(gone)" for a key
+ * that was deleted or expired (its value is nil). */
+static void describe(const redisReply *value, char *out, size_t size) {
+  size_t used = 0;
+  size_t i;
+  if (value == NULL || value->type == REDIS_REPLY_NIL) {
+    snprintf(out, size, "(gone)");
+  } else if (value->type == REDIS_REPLY_STRING) {
+    snprintf(out, size, "\"%s\"", value->str);
+  } else if (value->type == REDIS_REPLY_INTEGER) {
+    snprintf(out, size, "%lld", value->integer);
+  } else if (value->type == REDIS_REPLY_ARRAY) {
+    out[0] = '\0';
+    for (i = 0; i < value->elements && used + 1 < size; ++i) {
+      const redisReply *e = value->element[i];
+      used += (size_t)snprintf(out + used, size - used, "%s%s", i ? " " : "",
+                               e->str != NULL ? e->str : "?");
+    }
   } else {
-    printf("   %s %s: %s %s, no text value\n", (const char *)arg,
-           g_tqredis_dbstr[pmsg->db], g_tqredis_keycmd_str[pmsg->cmd],
-           pmsg->key);
+    snprintf(out, size, "(reply type %d)", value->type);
   }
-  ++notifications;
+}
+
+/* The one hook, for live changes and replayed keys alike. It runs on the
+ * main loop's thread with the library's lock held; the record and its value
+ * are the library's and live only during this call. */
+static int on_change(tqredis_pmsg *pmsg, void *arg) {
+  const watch *w = (const watch *)arg;
+  char value[160];
+  describe(pmsg->value, value, sizeof(value));
+  printf("  %-7s %-15s %-8s %-24s %s\n", w->what, g_tqredis_dbstr[pmsg->db],
+         g_tqredis_keycmd_str[pmsg->cmd], pmsg->key, value);
+  fflush(stdout);
   return 0;
 }
 
-/* Called once the subscriptions of a database are (re)made. */
-static int on_data_check(uint32_t db) {
-  printf("   data check of %s\n", g_tqredis_dbstr[db]);
+/* The replay hook: the same handling, marked as state that already was. */
+static int on_replay(tqredis_pmsg *pmsg, void *arg) {
+  printf("  replay");
+  return on_change(pmsg, arg);
+}
+
+static pubsub_mng table[] = {
+    {TQREDIS_DB_HOST, "example:fan:*", on_change, &fans},
+    {TQREDIS_DB_CE_GLOBAL, "example:card:*", on_change, &cards},
+    {TQREDIS_DB_DE_GLOBAL, "example:alarm:*", on_change, &alarms},
+};
+#define TABLE_SIZE ((int)(sizeof(table) / sizeof(table[0])))
+
+/* Runs after the subscriptions of a database were made: reads what exists,
+ * so nothing that changed before we listened is missed. It runs again after
+ * a lost pubsub connection was made again. */
+static int data_check(uint32_t db) {
+  int i;
+  for (i = 0; i < TABLE_SIZE; ++i) {
+    const watch *w = (const watch *)table[i].hook_arg;
+    if (table[i].key_db != db) continue;
+    tqredis_scan_key_pattern(db, table[i].key_pattern, 32, on_replay,
+                             table[i].hook_arg, w->kind);
+  }
   return 0;
 }
 
-/* Per-key function of a walk: counts the keys it is handed. */
-static int count_key(int db, const char *key, void *arg) {
-  (void)db;
-  (void)key;
-  ++*(int *)arg;
-  return 0;
+/* One write, traced as an outbound operation so that it shows in the
+ * statistics (marked, so it also pairs with the notification that caused
+ * it). Writes go on the read path and their replies are freed: replies of
+ * pipelined writes are never read, and on this card they would come first
+ * for the next read on the same connection. */
+#define WRITE(db, keycmd, key, ...)                                   \
+  do {                                                                \
+    const int slot_ = tqredis_db_out_log(key, keycmd, db, 1);         \
+    tqredis_free_reply(                                               \
+        tqredis_db_command(db, TQREDIS_OP_READ, -1, 0, __VA_ARGS__)); \
+    if (slot_ >= 0) tqredis_db_out_log_stat((uint32_t)slot_);         \
+  } while (0)
+
+static void step(const char *what) {
+  printf("worker: %s\n", what);
+  fflush(stdout);
+  const struct timespec pause = {0, 300 * 1000 * 1000};
+  nanosleep(&pause, NULL);
 }
 
-static int count_keys(const char *pattern) {
-  int n = 0;
-  tqredis_key_pattern_walkthrough(TQREDIS_DB_HOST, pattern, 10, count_key, &n);
-  return n;
+/* The worker changes keys on all three databases, the way other processes
+ * of the device would. */
+static void *worker(void *arg) {
+  (void)arg;
+  step("fan 1 speeds up");
+  WRITE(TQREDIS_DB_HOST, TQREDIS_KEYCMD_HSET, "example:fan:1",
+        "HSET example:fan:1 speed 2400 mode boost");
+  step("card 2 comes up");
+  WRITE(TQREDIS_DB_CE_GLOBAL, TQREDIS_KEYCMD_SET, "example:card:2",
+        "SET example:card:2 up");
+  step("an overheat alarm is raised");
+  WRITE(TQREDIS_DB_DE_GLOBAL, TQREDIS_KEYCMD_SADD, "example:alarm:active",
+        "SADD example:alarm:active overheat fan-1");
+  step("fan 2 reports once, with 800 ms to live");
+  WRITE(TQREDIS_DB_HOST, TQREDIS_KEYCMD_HSET, "example:fan:2",
+        "HSET example:fan:2 speed 900 mode auto");
+  tqredis_pexpire_key(TQREDIS_DB_HOST, "example:fan:2", 800);
+  step("the alarms are cleared");
+  WRITE(TQREDIS_DB_DE_GLOBAL, TQREDIS_KEYCMD_DEL, "example:alarm:active",
+        "DEL example:alarm:active");
+  step("every card gets 1 s to live, then any card with a time to live goes");
+  tqredis_pexpire_key_pattern(TQREDIS_DB_CE_GLOBAL, "example:card:*", 1000, 32);
+  tqredis_del_expire_key_pattern(TQREDIS_DB_CE_GLOBAL, "example:card:*", 32);
+  step("done");
+  pthread_mutex_lock(&done_mutex);
+  worker_done = 1;
+  pthread_mutex_unlock(&done_mutex);
+  return NULL;
 }
 
-/* Writes one key and waits for the reply. Writes whose replies are needed
- * stay on the read path (op 0): replies of pipelined writes are never read,
- * so a later read would receive them first. */
-static void store(int db, const char *key, const char *value) {
-  tqredis_free_reply(
-      tqredis_db_command(db, TQREDIS_OP_READ, -1, 0, "SET %s %s", key, value));
+static int is_worker_done(void) {
+  int done;
+  pthread_mutex_lock(&done_mutex);
+  done = worker_done;
+  pthread_mutex_unlock(&done_mutex);
+  return done;
 }
 
-static void show_status(uint32_t db) {
+/* How the servers see this process's own connections. */
+static void show_own_status(void) {
   tqredis_client_status st[3];
+  int db;
   int op;
-  memset(st, 0, sizeof(st));
-  tqredis_get_proc_dbstatus(db, g_tqredis_proc_name, st);
-  for (op = 0; op < TQREDIS_OP_NUM; ++op) {
-    if (st[op].online) {
+  for (db = 0; db < TQREDIS_DB_NUM; ++db) {
+    memset(st, 0, sizeof(st));
+    tqredis_get_proc_dbstatus((uint32_t)db, g_tqredis_proc_name, st);
+    for (op = 0; op < TQREDIS_OP_NUM; ++op) {
+      if (!st[op].online) {
+        printf("  %-15s %-6s not connected\n", g_tqredis_dbstr[db],
+               g_tqredis_opstr[op]);
+        continue;
+      }
       printf(
-          "   %-15s %-6s online: id=%d cmd_num=%lld in_bytes=%lld flags=%s\n",
-          g_tqredis_dbstr[db], g_tqredis_opstr[op], st[op].id, st[op].cmd_num,
-          st[op].in_bytes, st[op].flags);
-    } else {
-      printf("   %-15s %-6s offline\n", g_tqredis_dbstr[db],
-             g_tqredis_opstr[op]);
+          "  %-15s %-6s online %llds, %lld commands, %lld bytes in, "
+          "last %s\n",
+          g_tqredis_dbstr[db], g_tqredis_opstr[op], st[op].age, st[op].cmd_num,
+          st[op].in_bytes, st[op].cmd);
     }
   }
 }
 
 int main(void) {
-  static char live[] = "notified:";
-  static char replay[] = "replayed:";
-  pubsub_mng subscription;
-  char key[64];
-  int db;
-  int i;
+  pthread_t thread;
+  int after;
   int rv;
-  redisReply *reply;
 
-  printf("== %s: tqredis loaded, its constructor already ran\n",
-         g_tqredis_proc_name);
+  /* Library messages go to its log files only, errors included, so that
+   * the console shows what the process does. Operation times on. */
+  tqredis_dbg_cfg(0, 0);
+  tqredis_dbg_cfg(1, TQREDIS_LOG_DATA | TQREDIS_LOG_LIFE | TQREDIS_LOG_WARN |
+                         TQREDIS_LOG_ERROR);
+  tqredis_dbg_cfg(2, 1);
 
-  /* One subscription; flag 2 switches the global lock on, for a host whose
-   * threads share the library. */
-  memset(&subscription, 0, sizeof(subscription));
-  subscription.key_db = TQREDIS_DB_HOST;
-  strcpy(subscription.key_pattern, STATE_KEYS);
-  subscription.hook = on_state;
-  subscription.hook_arg = live;
-  rv = tqredis_init(&subscription, 1, on_data_check, 2);
-  printf("== tqredis_init returned %d\n", rv);
-  /* Warnings and errors on the console; the change itself is logged at
-   * level 4, so it shows. */
-  tqredis_dbg_cfg(0, TQREDIS_LOG_WARN | TQREDIS_LOG_ERROR);
+  /* Flag 2: the worker thread shares the library, so the lock goes on. */
+  rv = tqredis_init(table, TABLE_SIZE, data_check, 2);
+  printf("%s: tqredis_init gave %d; watching %s, %s and %s\n",
+         g_tqredis_proc_name, rv, table[0].key_pattern, table[1].key_pattern,
+         table[2].key_pattern);
 
-  /* The first command connects every slot this card uses and reads the card
-   * information; it blocks until the servers answer. */
-  printf("== state that exists before this process listens\n");
-  store(TQREDIS_DB_HOST, "example:state:door", "closed");
-  store(TQREDIS_DB_HOST, "example:state:fan", "on");
-  for (db = 0; db < TQREDIS_DB_NUM; ++db) {
-    store(db, "example:owner", g_tqredis_proc_name);
-  }
+  /* State that other processes left before this one started (the first
+   * command connects every database; it waits until they answer). */
+  printf("state that other processes left, written before we listen\n");
+  WRITE(TQREDIS_DB_HOST, TQREDIS_KEYCMD_DEL, "example:fan:2",
+        "DEL example:fan:2");
+  WRITE(TQREDIS_DB_HOST, TQREDIS_KEYCMD_HSET, "example:fan:1",
+        "HSET example:fan:1 speed 1200 mode auto");
+  WRITE(TQREDIS_DB_CE_GLOBAL, TQREDIS_KEYCMD_SET, "example:card:1",
+        "SET example:card:1 up");
+  WRITE(TQREDIS_DB_DE_GLOBAL, TQREDIS_KEYCMD_SADD, "example:alarm:active",
+        "SADD example:alarm:active fan-stall");
 
-  /* Notifications tell of later changes only: replay what exists first,
-   * through the same hook, with SCAN calls of 10 keys. */
-  printf("== replaying %s\n", STATE_KEYS);
-  tqredis_scan_key_pattern(TQREDIS_DB_HOST, STATE_KEYS, 10, on_state, replay,
-                           TQREDIS_SCAN_STRING);
-
-  printf("== listening\n");
-  tqredis_db_psubscrible(); /* subscribes, then runs the data check */
-  notifications = 0;
-  store(TQREDIS_DB_HOST, "example:state:door", "open");
-  for (i = 0; i < 20 && notifications == 0; ++i) {
-    tqredis_pubsub(); /* waits 100 ms at most */
-  }
-
-  /* A family of keys with a time to live, and the expiring ones deleted:
-   * the state keys have none and stay. */
-  printf("== sessions\n");
-  for (i = 0; i < 5; ++i) {
-    snprintf(key, sizeof(key), "example:session:%d", i);
-    store(TQREDIS_DB_HOST, key, "active");
-  }
-  tqredis_pexpire_key_pattern(TQREDIS_DB_HOST, SESSION_KEYS, 60000, 2);
-  printf("   %d session keys, each with 60 s to live\n",
-         count_keys(SESSION_KEYS));
-  tqredis_del_expire_key_pattern(TQREDIS_DB_HOST, "example:*", 10);
-  printf("   expiring keys deleted: %d session keys, %d state keys left\n",
-         count_keys(SESSION_KEYS), count_keys(STATE_KEYS));
-
-  printf("== client status of %s\n", g_tqredis_proc_name);
-  for (db = 0; db < TQREDIS_DB_NUM; ++db) show_status((uint32_t)db);
-
-  /* Pipelined writes: appended, written out once 32 have gathered (or on
-   * TQREDIS_CMD_COMMIT, or when the pump idles). Their replies are never
-   * read, so they are for data the process does not need to confirm. */
-  printf("== 40 pipelined counter writes to redis_host\n");
-  for (i = 0; i < 40; ++i) {
-    tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0,
-                       "HSET example:counters c%d %d", i, i);
-  }
-  printf("   32 went out at the threshold, 8 wait; committing them now\n");
-  tqredis_commit_command_all();
-
-  /* The unread replies of those writes come first on that connection: a
-   * read made now receives the oldest of them. */
-  reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0,
-                             "HLEN example:counters");
-  printf(
-      "   the next read on redis_host got the reply of the first pipelined "
-      "write: (integer) %lld\n",
-      reply != NULL ? reply->integer : -1LL);
-  tqredis_free_reply(reply);
-
-  printf("== library statistics\n");
-  tqredis_basic_stats_show();
-  tqredis_cardinfo_stats_show();
-
-  printf("== log file: /tmp/tqredis/%s.limitlog\n", g_tqredis_proc_name);
+  /* The first pass subscribes and runs the data checks: the replay. */
+  printf("subscribing; the data checks replay what is already there:\n");
+  tqredis_db_psubscrible();
+  printf("listening; the worker starts:\n");
   fflush(stdout);
+  if (pthread_create(&thread, NULL, worker, NULL) != 0) {
+    printf("cannot start the worker\n");
+    return 1;
+  }
+
+  /* The main loop: subscriptions and data checks, then at most 100 ms of
+   * waiting for notifications, whose hooks run in here. Bounded: it ends 15
+   * passes after the worker, once the last changes have come through. */
+  for (after = 0; after < 15;) {
+    tqredis_db_psubscrible();
+    tqredis_pubsub();
+    if (is_worker_done()) ++after;
+  }
+  pthread_join(thread, NULL);
+
+  printf("own connections, as the servers see them:\n");
+  show_own_status();
+
+  printf("operation records (in: notifications and replays, out: writes):\n");
+  fflush(stdout);
+  tqredis_db_show_log();
+
+  /* The main loop writes the statistics into redis_host once a minute when
+   * idle; at a planned exit the process writes them itself. */
+  tqredis_db_save_log();
+  tqredis_commit_command_all();
+  printf(
+      "statistics written under /arch/mom/%s in redis_host: "
+      "tqredis-stat %s shows them\n",
+      g_tqredis_proc_name, g_tqredis_proc_name);
+  printf("library log: /tmp/tqredis/%s.limitlog and .unlimitlog\n",
+         g_tqredis_proc_name);
   return 0;
 }

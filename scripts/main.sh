@@ -1,10 +1,16 @@
 #!/bin/sh
 # The main job: installs what is missing, builds, starts the device database
-# emulator on the device's socket paths, runs the example host process, and
-# stops the emulator afterwards.
+# emulator on the device's socket paths, runs the example host process (and
+# the statistics viewer on what it left in redis_host), and stops the
+# emulator afterwards.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
 "$root/scripts/build.sh"
 build_dir=${BUILD_DIR:-$root/build}
-BUILD_DIR="$build_dir" "$root/scripts/with-devdb.sh" "$build_dir/examples/tqexample"
+# The example process, then its statistics as the viewer shows them.
+BUILD_DIR="$build_dir" "$root/scripts/with-devdb.sh" sh -c '
+  "$1/examples/tqexample" && echo &&
+  echo "== tqredis-stat" && "$1/tools/stat/tqredis-stat" && echo &&
+  echo "== tqredis-stat tqexample" && "$1/tools/stat/tqredis-stat" tqexample' \
+  sh "$build_dir"
