@@ -24,6 +24,12 @@ soname=$(objdump -p "$lib" | awk '$1 == "SONAME" {print $2}')
 [ -f "$libdir/pkgconfig/tqredis.pc" ] || { echo "no pkg-config file"; exit 1; }
 [ -f "$libdir/cmake/tqredis/tqredisConfig.cmake" ] || {
   echo "no CMake package"; exit 1; }
+# The viewer finds the installed library from its own place.
+usage=$(env -u LD_LIBRARY_PATH "$prefix/bin/tqredis-stat" --help | head -n 1)
+case $usage in
+"usage: tqredis-stat "*) ;;
+*) echo "installed tqredis-stat does not run: $usage"; exit 1 ;;
+esac
 
 case $mode in
 pkgconfig)
