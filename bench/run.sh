@@ -100,7 +100,7 @@ targets="read;synchronous read (GET);>= 0.97;write;pipelined write (SET, thresho
 side get
 side set
 side notify
-# side scan
+side scan
 
 # Client instructions per operation under callgrind (the measured loop only).
 instructions() {
