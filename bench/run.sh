@@ -93,8 +93,8 @@ side() {
       printf "%s|%s|%.4g ±%.1f%%|%.4g ±%.1f%%|%.3f|%s\n", label[$2], $3,
         $4, $5, $6, $7, $6 / $4, target[$2] }
     $1 == "allocs" {
-      printf "%s: heap allocations by tqredis|per op|%.2f|%.2f|+%.2f|0\n",
-        $2, $3, $4, $4 - $3 }' "$work/$test.out" >>"$rows"
+      printf "%s: heap allocations by tqredis|per op|%.2f|%.2f|%+.2f|0\n",
+        $2, $3, $4, $4 - $3 + 0 }' "$work/$test.out" >>"$rows"
 }
 targets="read;synchronous read (GET);>= 0.97;write;pipelined write (SET, threshold 32), server-confirmed;>= 0.95;notify_cpu;notification delivery, client CPU;<= 2.0x;notify_rate;notification delivery, 1,000,000 as fast as the socket takes;tqredis >= 600,000/s;scan;scan replay (kind 0) vs SCAN + GET;>= 0.95"
 side get
