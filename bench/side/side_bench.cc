@@ -18,6 +18,7 @@
 #include <valgrind/callgrind.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -117,8 +118,7 @@ Sample Measure(const std::function<void()> &loop) {
           g_allocs};
 }
 
-// ---- synchronous read --------------------------------------------------
-
+// Connections and counters of the run.
 struct Context {
   redisContext *bare = nullptr;      // on redis_host
   redisContext *feeder = nullptr;    // control connection to the feeder
@@ -127,6 +127,8 @@ struct Context {
   long scanned = 0;                  // keys replayed to the tq callback
 };
 Context g;
+
+// ---- synchronous read --------------------------------------------------
 
 void GetLoop(Side side, long n) {
   for (long i = 0; i < n; ++i) {
