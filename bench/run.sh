@@ -14,16 +14,11 @@ build_dir=${BUILD_DIR:-$root/build}
 cpu=${BENCH_CPU:-0}
 
 if [ "${TQBENCH_IN_NS:-}" != 1 ]; then
+  "$root/scripts/install-deps.sh" >&2
   if [ ! -x "$build_dir/bench/side/tqbench" ] ||
      [ ! -x "$build_dir/bench/micro/tqbench_micro" ]; then
-    "$root/scripts/install-deps.sh" >&2
     BUILD_DIR="$build_dir" "$root/scripts/build.sh" >&2
   fi
-  command -v valgrind >/dev/null || case " $* " in
-    *" --no-callgrind "*) ;;
-    *) echo "valgrind is missing: scripts/install-deps.sh installs it" >&2
-       exit 1 ;;
-  esac
   export TQBENCH_IN_NS=1 BUILD_DIR="$build_dir"
   exec unshare --mount --propagation private sh -c '
     for dir in /tmp/redis /tmp/tqredis; do
