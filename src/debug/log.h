@@ -34,6 +34,10 @@ struct LocalTime {
 };
 LocalTime LocalNow();
 
+// Reads configuration lines from `fp` into the settings, as done at load
+// from "/data/tqredis/<process name>.dbg". Any bytes are accepted.
+void ReadConfigStream(FILE *fp);
+
 // The prefix of every line: process name, calling function, source line.
 #define TQREDIS_LOG_PREFIX "[%s]<%s, %d>:"
 
