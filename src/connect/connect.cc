@@ -75,7 +75,7 @@ redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
   }
   // Before the first reply: no server may make this process allocate an
   // array of its choosing.
-  tqredis::detail::BoundReader(ctx);
+  tqredis::detail::BoundReader(ctx->reader);
   return ctx;
 }
 

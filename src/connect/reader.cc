@@ -33,11 +33,10 @@ BoundedFunctions &Bounded(const redisReplyObjectFunctions *defaults) {
 
 }  // namespace
 
-void BoundReader(redisContext *ctx) {
-  if (ctx == nullptr || ctx->reader == nullptr || ctx->reader->fn == nullptr)
-    return;
-  BoundedFunctions &bounded = Bounded(ctx->reader->fn);
-  ctx->reader->fn = &bounded.functions;
+void BoundReader(redisReader *reader) {
+  if (reader == nullptr || reader->fn == nullptr) return;
+  BoundedFunctions &bounded = Bounded(reader->fn);
+  reader->fn = &bounded.functions;
 }
 
 }  // namespace tqredis::detail

@@ -15,12 +15,12 @@ namespace tqredis::detail {
 // anything the device's databases hold.
 constexpr int kMaxReplyElements = 1 << 20;
 
-// Makes `ctx`'s reader refuse an array announcing more than kMaxReplyElements
+// Makes `reader` refuse an array announcing more than kMaxReplyElements
 // elements: hiredis then fails the reply as out of memory ("Out of memory",
 // REDIS_ERR_OOM) and the connection takes the ordinary failure path. The other
 // reply objects stay hiredis's own, so freeReplyObject() frees them as ever.
-// NULL or a context without a reader: nothing happens.
-void BoundReader(redisContext *ctx);
+// NULL, or a reader without functions: nothing happens.
+void BoundReader(redisReader *reader);
 
 }  // namespace tqredis::detail
 
