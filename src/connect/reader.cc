@@ -1,42 +1,44 @@
 // hiredis's reply objects with a bound on the size of aggregates.
 #include "connect/reader.h"
 
+#include <atomic>
+
 namespace tqredis::detail {
 namespace {
 
-// hiredis's own functions with createArray wrapped, and the wrapped one.
-struct BoundedFunctions {
-  redisReplyObjectFunctions functions;
-  void *(*create_array)(const redisReadTask *, int);
-};
+using CreateArray = void *(*)(const redisReadTask *, int);
 
-// Built once, thread-safely, from the first reader seen (every reader starts
-// with hiredis's same default functions), then never changed: readers keep a
-// pointer to it for their lifetime. `defaults` is read only on that first call.
-BoundedFunctions &Bounded(const redisReplyObjectFunctions *defaults);
+// hiredis's own createArray, taken from the first reader seen (every reader
+// starts with the same default functions). Stored before any reader can
+// call CreateBoundedArray; every later store writes the same value.
+std::atomic<CreateArray> g_create_array{nullptr};
 
 void *CreateBoundedArray(const redisReadTask *task, int elements) {
   // NULL is hiredis's out-of-memory answer: the reader fails the reply.
   if (elements > kMaxReplyElements) return nullptr;
-  // Installed only by BoundReader(), which built Bounded() first.
-  return Bounded(nullptr).create_array(task, elements);
+  return g_create_array.load(std::memory_order_relaxed)(task, elements);
 }
 
-BoundedFunctions &Bounded(const redisReplyObjectFunctions *defaults) {
-  static BoundedFunctions bounded = [defaults] {
-    BoundedFunctions made{*defaults, defaults->createArray};
-    made.functions.createArray = CreateBoundedArray;
+// hiredis's functions with createArray replaced. Built once, thread-safely,
+// then never changed: readers keep a pointer to it for their lifetime.
+redisReplyObjectFunctions *BoundedFunctions(
+    const redisReplyObjectFunctions &defaults) {
+  static redisReplyObjectFunctions bounded = [&defaults] {
+    redisReplyObjectFunctions made = defaults;
+    made.createArray = CreateBoundedArray;
     return made;
   }();
-  return bounded;
+  return &bounded;
 }
 
 }  // namespace
 
 void BoundReader(redisReader *reader) {
   if (reader == nullptr || reader->fn == nullptr) return;
-  BoundedFunctions &bounded = Bounded(reader->fn);
-  reader->fn = &bounded.functions;
+  redisReplyObjectFunctions *bounded = BoundedFunctions(*reader->fn);
+  if (reader->fn == bounded) return;
+  g_create_array.store(reader->fn->createArray, std::memory_order_relaxed);
+  reader->fn = bounded;
 }
 
 }  // namespace tqredis::detail
