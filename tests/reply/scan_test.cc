@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "status/reply_peer.h"
-#include "status/server_side.h"
+#include "support/reply_peer.h"
+#include "support/server_side.h"
 #include "support/logged.h"
 #include "support/servers.h"
 #include "tqredis.h"

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "core/cardinfo.h"
-#include "status/reply_peer.h"
-#include "status/server_side.h"
+#include "support/reply_peer.h"
+#include "support/server_side.h"
 #include "support/emulator.h"
 #include "support/logged.h"
 #include "support/servers.h"

@@ -2,8 +2,8 @@
 // for replies a stock server never gives (a PTTL of exactly 0, a status line
 // cut short, a SCAN reply of the wrong shape). Serves any number of clients
 // at once, so the library's read and pubsub connections both come up.
-#ifndef TQREDIS_TESTS_STATUS_REPLY_PEER_H_
-#define TQREDIS_TESTS_STATUS_REPLY_PEER_H_
+#ifndef TQREDIS_TESTS_SUPPORT_REPLY_PEER_H_
+#define TQREDIS_TESTS_SUPPORT_REPLY_PEER_H_
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -166,4 +166,4 @@ class ReplyPeer {
 
 }  // namespace tqtest
 
-#endif  // TQREDIS_TESTS_STATUS_REPLY_PEER_H_
+#endif  // TQREDIS_TESTS_SUPPORT_REPLY_PEER_H_

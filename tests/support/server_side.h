@@ -1,7 +1,7 @@
 // What the servers and the trace saw, for tests of key operations: command
 // counts from a server's own statistics, and trace lines without their time.
-#ifndef TQREDIS_TESTS_STATUS_SERVER_SIDE_H_
-#define TQREDIS_TESTS_STATUS_SERVER_SIDE_H_
+#ifndef TQREDIS_TESTS_SUPPORT_SERVER_SIDE_H_
+#define TQREDIS_TESTS_SUPPORT_SERVER_SIDE_H_
 
 #include <cstdarg>
 #include <regex>
@@ -44,4 +44,4 @@ inline std::string WithoutTimes(const std::string &log) {
 
 }  // namespace tqtest
 
-#endif  // TQREDIS_TESTS_STATUS_SERVER_SIDE_H_
+#endif  // TQREDIS_TESTS_SUPPORT_SERVER_SIDE_H_
