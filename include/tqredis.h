@@ -761,6 +761,186 @@ TQREDIS_API void tqredis_db_out_log_stat(uint32_t slot);
  * NULL buf. Takes the global lock. */
 TQREDIS_API int tqredis_get_db_op_snap(tqredis_op_snap *buf);
 
+/* ---- Key expiry ----------------------------------------------------------- */
+/* Times to live in milliseconds. The commands go through
+ * tqredis_db_command(), so they wait and reconnect as it does, and each is
+ * traced as an outbound operation before it is sent. */
+
+/* Per-key function of the pattern walk (tqredis_key_pattern_walkthrough):
+ * called with the database id, one key that matched and the walk's `arg`.
+ * The key's text belongs to the SCAN reply and is valid only during the
+ * call. The result is ignored. */
+typedef int (*tqredis_key_func_f)(int db, const char *key, void *arg);
+
+/* Gives `key` a time to live of `ageing_time` ms ("PEXPIRE %s %d") and
+ * writes it out at once. 0 once sent (a failure of the command itself is
+ * not reported); -2, with "input arguments invalid: db=%d ageing_time=%d"
+ * at level 1 and nothing sent, for db >= 3, a NULL key or ageing_time <= 0.
+ * An empty key is sent as it is. */
+TQREDIS_API int tqredis_pexpire_key(uint32_t db, const char *key,
+                                    int ageing_time);
+
+/* The per-key form: `arg` points to an int holding the time to live in ms,
+ * which is sent as it is, zero or negative included. Always 0; a NULL key
+ * or arg sends nothing. */
+TQREDIS_API int tqredis_key_pexpire(int db, const char *key, void *arg);
+
+/* Deletes `key` only if it carries a time to live: reads "PTTL %s" and,
+ * for a result of 0 or more, sends "DEL %s". Keys without one (-1) and
+ * missing keys (-2) are left alone. `arg` is ignored. 0 done; -1 when the
+ * time to live could not be read ("PTTL get expire time fail, rv=%d", level
+ * 1; rv -2 for no reply or a NULL key). Nothing is held between the read
+ * and the delete, so the key may change in between.
+ * Where writes share the read connection (always for redis_host, for every
+ * database on the master card, and while the card information is unknown),
+ * the PEXPIRE and DEL of these three functions are sent on the read path
+ * and their replies read and freed at once: a reply left unread there would
+ * be handed to the next read, such as the walk's next PTTL or SCAN. On a
+ * card with write connections they are pipelined writes (the DEL waits for
+ * the commit threshold). */
+TQREDIS_API int tqredis_expire_key_del(int db, const char *key, void *arg);
+
+/* ---- Key pattern scan ----------------------------------------------------- */
+/* Walks a database with "SCAN %d MATCH %s COUNT %d" until the cursor comes
+ * back 0. `count` is the COUNT hint of every SCAN call (no default). Each
+ * SCAN is traced as an outbound "scan" of the pattern. A key may be visited
+ * twice or missed when the database changes during the walk. Exactly one
+ * SCAN reply (and one value reply) is alive at a time. The walk holds no
+ * lock: each command takes the global lock, and callbacks and hooks run on
+ * the calling thread between commands. */
+
+/* Replay kinds of tqredis_scan_key_pattern(): how each key's value is read
+ * and which key command the record carries. Any other kind reads nothing. */
+enum {
+  TQREDIS_SCAN_STRING = 0, /* "GET %s", reported as "set" (0) */
+  TQREDIS_SCAN_HASH = 1,   /* "HGETALL %s", reported as "hset" (2) */
+  TQREDIS_SCAN_SET = 2     /* "SMEMBERS %s", reported as "sadd" (4) */
+};
+
+/* 1 when `reply` is usable as a SCAN reply: an array of exactly 2 elements
+ * whose element 0 (the cursor) is a usable text. Otherwise 0, with "check
+ * scan reply fail", "reply invlaid, type=%d elements=%zu" or "element[0]
+ * invlaid" at level 1 (the spelling is kept). */
+TQREDIS_API int tqredis_check_scan_reply(redisReply *reply);
+
+/* 1 when `keys` (element 1 of a SCAN reply) is a usable array, else 0 with
+ * "scan reply check fail" or "key subreply invlaid, type=%d elements=%zu"
+ * at level 1. */
+TQREDIS_API int tqredis_check_scan_key_reply(redisReply *keys);
+
+/* Replays one page of keys of `db` as if each had just been written: reads
+ * each key's value as `kind` says, then with a usable value fills a
+ * notification record (db, key cut to 127 characters, key command, value,
+ * reserved 0), traces it as an inbound operation marked as replayed (flag
+ * 1), calls callback(&record, arg) (timed), then hands the same record to
+ * the process-wide hook. A key whose value is unusable is skipped ("check
+ * value reply fail", level 1). The value is freed as soon as the callback
+ * and the hook return: neither may keep it. A key list that is not a
+ * usable array is printed (debug level 16) and nothing is read. Elements
+ * without text are skipped. A NULL callback or db >= 3 reads nothing. */
+TQREDIS_API void tqredis_scan_key_get(uint32_t db, redisReply *keys,
+                                      tqredis_pmsg_hook_f callback, void *arg,
+                                      int kind);
+
+/* Replays every key of `db` that matches `pattern`, page by page, through
+ * tqredis_scan_key_get(): a process that subscribes learns of later
+ * changes only, and this hands it the keys that already exist, in the same
+ * record as a notification. 0 when the cursor came back 0; -1 when a SCAN
+ * reply is unusable (keys of earlier pages have been delivered); -2, with
+ * "input arguments invalid, db=%d count=%d" at level 1 and nothing sent,
+ * for db >= 3, a NULL or empty pattern, count < 1 or a NULL callback. */
+TQREDIS_API int tqredis_scan_key_pattern(uint32_t db, const char *pattern,
+                                         int count,
+                                         tqredis_pmsg_hook_f callback,
+                                         void *arg, int kind);
+
+/* Calls function(db, key, arg) for every key of `db` that matches
+ * `pattern`. Before the keys of each SCAN call, the process-wide hook gets
+ * a cleared record with db, key = the pattern (127 characters at most) and
+ * key command "scan" (22), also for a call that returned no key. 0 when the
+ * cursor came back 0; -1 for an unusable SCAN reply or key list (keys of
+ * earlier pages have been handed out); -2 as tqredis_scan_key_pattern()
+ * for bad db, pattern or count. A NULL function is accepted: the walk then
+ * only feeds the hook. */
+TQREDIS_API int tqredis_key_pattern_walkthrough(uint32_t db,
+                                                const char *pattern, int count,
+                                                tqredis_key_func_f function,
+                                                void *arg);
+
+/* Walks with tqredis_expire_key_del(): deletes every matching key that has
+ * a time to live. Results as the walk. */
+TQREDIS_API int tqredis_del_expire_key_pattern(uint32_t db,
+                                               const char *pattern, int count);
+
+/* Walks with tqredis_key_pexpire(): gives every matching key a time to live
+ * of `ageing_time` ms (not checked for being positive). Note the order:
+ * the time comes before the count. Results as the walk. */
+TQREDIS_API int tqredis_pexpire_key_pattern(uint32_t db, const char *pattern,
+                                            int ageing_time, int count);
+
+/* ---- Client status -------------------------------------------------------- */
+/* How the connections of a process (named "<process>-<operation>" on the
+ * servers) are doing, as a database server that answers "CLIENT LIST
+ * <name>" with "offline" or one status line reports it. */
+
+/* One connection's status, filled in the caller's memory: the layout is
+ * fixed (452 bytes on i386, 456 on MIPS, ARM and x86_64, where 64-bit
+ * fields are 8-byte aligned). The figures mean something only while
+ * `online` is 1; a failed query resets `online` alone. Text fields hold at
+ * most 63 characters and are NUL-terminated once scanned. */
+typedef struct tqredis_client_status {
+  uint8_t online; /* 1: a status line was received and parsed */
+  int32_t id;
+  char addr[64];
+  int32_t fd;
+  char name[64];
+  long long age;
+  long long idle;
+  char flags[64];
+  int32_t db;
+  int32_t sub;
+  int32_t psub;
+  int32_t multi;
+  long long cmd_num;
+  long long cmd_per_sec;
+  long long in_bytes;
+  long long out_bytes;
+  long long in_bps;
+  long long out_bps;
+  unsigned long long qbuf;
+  unsigned long long qbuf_free;
+  unsigned long long obl;
+  unsigned long long oll;
+  unsigned long long omem;
+  char events[64];
+  char cmd[64];
+} tqredis_client_status;
+
+/* Parses one status line ("id=%d addr=%s fd=%d name=%s age=%lld ...
+ * events=%s cmd=%s") into `st`: 1 when all 24 figures were stored, else 0.
+ * The first `len` characters equal to the start of "offline" (so also an
+ * empty string) give 0 with "offline" at level 1; a line that yields any
+ * other count gives 0 with "status str invalid, rv=%d %s" (figures scanned
+ * before the mismatch keep their new values). A token longer than 63
+ * characters is cut and, unless it is the last, stops the scan. `str` must
+ * be NUL-terminated. Does not set st->online. NULL str or st: 0. */
+TQREDIS_API int tqredis_parse_dbstatus(const char *str, size_t len,
+                                       tqredis_client_status *st);
+
+/* Asks database `db` for the status of the read, write and pubsub
+ * connections of process `proc` ("CLIENT LIST %s-%s", on the read path,
+ * without reconnecting) and fills st[0], st[1], st[2] (indexed by
+ * operation). The write connection is not asked for, and st[1] is offline,
+ * when this card writes `db` through its read connection. A connection that
+ * is offline, not answered, or answered with anything but a full status
+ * line gets online 0 (logged at level 1); the others online 1 with their
+ * figures. Returns 0 whatever the connections' states; -2, with "input
+ * arguments invalid" at level 8 and nothing written, for a NULL or empty
+ * proc or a NULL st. A db of 3 or more is refused by the command path: all
+ * three offline. */
+TQREDIS_API int tqredis_get_proc_dbstatus(uint32_t db, const char *proc,
+                                          tqredis_client_status st[3]);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
