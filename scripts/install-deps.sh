@@ -4,7 +4,7 @@
 # something is missing.
 set -eu
 packages="build-essential cmake ninja-build pkg-config libhiredis-dev redis-server
-redis-tools libgtest-dev libgmock-dev libbenchmark-dev binutils"
+redis-tools libgtest-dev libgmock-dev libbenchmark-dev binutils valgrind"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" \

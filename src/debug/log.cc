@@ -22,6 +22,7 @@ constexpr char kLogDir[] = "/tmp/tqredis/";
 constexpr char kConfigDir[] = "/data/tqredis/";
 // A file at or past this position is written again from its start.
 constexpr long kLogFileBound = 32769;
+constexpr unsigned long kPowersOfTen[] = {1, 10, 100, 1000, 10000, 100000};
 
 // Opened once by tqredis_dbg_init(), never closed: they live as long as the
 // process. NULL when the open failed; their levels are then dropped.
@@ -80,6 +81,67 @@ LocalTime LocalNow() {
   return time;
 }
 
+namespace {
+
+// `width` decimal digits of `value`, zero-padded. REQUIRES: value fits.
+char *PutDigits(char *out, unsigned value, int width) {
+  for (int i = width - 1; i >= 0; --i) {
+    out[i] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  }
+  return out + width;
+}
+
+bool InRange(int value, int low, int high) {
+  return value >= low && value <= high;
+}
+
+}  // namespace
+
+size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
+                   size_t size) {
+  const struct tm &tm = time.local;
+  const int year = tm.tm_year + 1900;
+  const auto usec = static_cast<unsigned long>(time.now.tv_usec);
+  // Every field within its printed width: the common case, by hand. Anything
+  // else (a clock far off) goes through snprintf, which gives the same text.
+  if (size >= 25 && InRange(year, 0, 9999) && InRange(tm.tm_mon, 0, 98) &&
+      InRange(tm.tm_mday, 0, 99) && InRange(tm.tm_hour, 0, 99) &&
+      InRange(tm.tm_min, 0, 99) && InRange(tm.tm_sec, 0, 99) &&
+      usec < 1000000) {
+    char *p = PutDigits(out, static_cast<unsigned>(year), 4);
+    p = PutDigits(p, static_cast<unsigned>(tm.tm_mon + 1), 2);
+    p = PutDigits(p, static_cast<unsigned>(tm.tm_mday), 2);
+    *p++ = '_';
+    p = PutDigits(p, static_cast<unsigned>(tm.tm_hour), 2);
+    *p++ = ':';
+    p = PutDigits(p, static_cast<unsigned>(tm.tm_min), 2);
+    *p++ = ':';
+    p = PutDigits(p, static_cast<unsigned>(tm.tm_sec), 2);
+    *p++ = '.';
+    int digits = 6;
+    if (!pad_usec) {
+      for (digits = 1; digits < 6 && usec >= kPowersOfTen[digits]; ++digits) {
+      }
+    }
+    p = PutDigits(p, static_cast<unsigned>(usec), digits);
+    *p = '\0';
+    return static_cast<size_t>(p - out);
+  }
+  const int n =
+      pad_usec ? std::snprintf(out, size, "%04d%02d%02d_%02d:%02d:%02d.%06lu",
+                               year, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                               tm.tm_min, tm.tm_sec, usec)
+               : std::snprintf(out, size, "%04d%02d%02d_%02d:%02d:%02d.%lu",
+                               year, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                               tm.tm_min, tm.tm_sec, usec);
+  if (n < 0) {
+    out[0] = '\0';
+    return 0;
+  }
+  return static_cast<size_t>(n) < size ? static_cast<size_t>(n) : size - 1;
+}
+
 }  // namespace tqredis::detail
 
 int tqredis_dbg_init(void) {
@@ -115,17 +177,12 @@ int tqredis_dbg_logfile(uint32_t level, const char *format, ...) {
   // tail of older lines stays behind the write position.
   if (std::ftell(fp) >= kLogFileBound) std::fseek(fp, 0, SEEK_SET);
 
-  const tqredis::detail::LocalTime time = tqredis::detail::LocalNow();
-  const struct tm &tm = time.local;
-  char stamp[32] = {0};
+  char stamp[32];
   // A real date takes 24 characters; the bound only guards the buffer.
-  if (std::snprintf(stamp, 31, "%04d%02d%02d_%02d:%02d:%02d.%06lu",
-                    tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
-                    tm.tm_min, tm.tm_sec,
-                    static_cast<unsigned long>(time.now.tv_usec)) < 0) {
-    stamp[0] = '\0';
-  }
-  std::fprintf(fp, "%s ", stamp);
+  size_t len = tqredis::detail::FormatStamp(tqredis::detail::LocalNow(), true,
+                                            stamp, 31);
+  stamp[len++] = ' ';
+  std::fwrite(stamp, 1, len, fp);
 
   va_list ap;
   va_start(ap, format);

@@ -4,6 +4,7 @@
 
 #include <sys/time.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -34,15 +35,24 @@ struct LocalTime {
 };
 LocalTime LocalNow();
 
+// Writes the stamp "YYYYMMDD_hh:mm:ss." of `time` and its microseconds,
+// zero-padded to six digits when `pad_usec`, else unpadded, into `out`
+// (NUL-terminated, cut to size - 1 characters). Returns the length written.
+// Formats by hand: this runs on every recorded operation and logged line.
+size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
+                   size_t size);
+
 // The prefix of every line: process name, calling function, source line.
 #define TQREDIS_LOG_PREFIX "[%s]<%s, %d>:"
 
 }  // namespace tqredis::detail
 
 // TQ_LOG(level, "literal format", args...): prints "[proc]<func, line>:" and
-// the message on stdout when the console mask has `level` (tested before any
-// formatting), then hands the same line to the file writer, which tests the
-// file mask. An expression whose value is the file writer's result.
+// the message on stdout when the console mask has `level`, and hands the same
+// line to the file writer when the file mask has it. Both masks are tested
+// here, before any call or formatting, so a site whose level no mask selects
+// costs two loads and two tests. An expression whose value is the file
+// writer's result, 0 when it is not called.
 // Arguments are evaluated twice: pass no side effects, and copy errno first.
 #define TQ_LOG(level, fmt, ...) \
   TQ_LOG_FROM(__func__, __LINE__, level, fmt, ##__VA_ARGS__)
@@ -55,7 +65,10 @@ LocalTime LocalNow();
                                         g_tqredis_proc_name, (func), (line), \
                                         ##__VA_ARGS__))                      \
         : static_cast<void>(0)),                                             \
-   tqredis_dbg_logfile((level), TQREDIS_LOG_PREFIX fmt, g_tqredis_proc_name, \
-                       (func), (line), ##__VA_ARGS__))
+   ((g_tqredis_file_level & (level))                                         \
+        ? tqredis_dbg_logfile((level), TQREDIS_LOG_PREFIX fmt,               \
+                              g_tqredis_proc_name, (func), (line),           \
+                              ##__VA_ARGS__)                                 \
+        : 0))
 
 #endif  // TQREDIS_SRC_DEBUG_LOG_H_

@@ -6,6 +6,7 @@
 #include <sys/select.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -192,8 +193,11 @@ int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
     return -2;
   }
   const std::string_view key = AfterColon(reply->element[kKeyChannel]);
-  std::snprintf(pmsg->key, sizeof(pmsg->key), "%.*s",
-                static_cast<int>(key.size()), key.data());
+  // Cut at 127 characters or at an embedded NUL, whichever comes first.
+  const size_t len =
+      strnlen(key.data(), std::min(key.size(), sizeof(pmsg->key) - 1));
+  std::memcpy(pmsg->key, key.data(), len);
+  pmsg->key[len] = '\0';
   pmsg->cmd = tqredis::detail::KeyCmdFromEvent(Text(reply->element[kEvent]));
   pmsg->value = reply->element[kValue];
   return 0;
