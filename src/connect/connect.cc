@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "connect/reader.h"
 #include "connect/table.h"
 #include "core/lock.h"
 #include "core/names.h"
@@ -72,6 +73,9 @@ redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
     redisFree(ctx);
     return nullptr;
   }
+  // Before the first reply: no server may make this process allocate an
+  // array of its choosing.
+  tqredis::detail::BoundReader(ctx->reader);
   return ctx;
 }
 

@@ -2,9 +2,13 @@
 // writer.
 #include "debug/log.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -42,11 +46,34 @@ const ConfigKey kConfigKeys[] = {
     {"timestat=", &g_tqredis_timestat},
 };
 
+// Opened as fopen(path, "w+") would, except that a symbolic link planted at
+// the path is not followed: the open fails (its levels are then dropped)
+// rather than truncating and writing whatever file the link names.
 FILE *OpenLog(const char *suffix) {
   char path[128];
   std::snprintf(path, sizeof(path), "%s%s.%s", kLogDir, g_tqredis_proc_name,
                 suffix);
-  return std::fopen(path, "w+");
+  const int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, 0666);
+  if (fd < 0) return nullptr;
+  FILE *fp = fdopen(fd, "w+");
+  if (fp == nullptr) close(fd);
+  return fp;
+}
+
+// strtoul(text, nullptr, 0) as on the device, whose unsigned long has 32
+// bits, on every ABI: a magnitude past 32 bits gives all bits set (not its
+// low 32 bits), a '-' negates the magnitude modulo 2^32, no digits give 0.
+uint32_t ReadNumber(const char *text) {
+  while (std::isspace(static_cast<unsigned char>(*text))) ++text;
+  const bool negative = *text == '-';
+  if (*text == '-' || *text == '+') ++text;
+  // strtoull would take a second sign or blanks, which strtoul refuses here.
+  if (!std::isdigit(static_cast<unsigned char>(*text))) return 0;
+  errno = 0;
+  const unsigned long long magnitude = std::strtoull(text, nullptr, 0);
+  if (errno == ERANGE || magnitude > UINT32_MAX) return UINT32_MAX;
+  const uint32_t value = static_cast<uint32_t>(magnitude);
+  return negative ? 0u - value : value;
 }
 
 void ReadConfig() {
@@ -55,22 +82,29 @@ void ReadConfig() {
                 g_tqredis_proc_name);
   FILE *fp = std::fopen(path, "r");
   if (fp == nullptr) return;  // no file: the defaults stay
-  char line[256] = {0};
-  // A longer line is read in pieces of 254 characters, each seen as a line.
-  while (std::fgets(line, 255, fp) != nullptr) {
-    for (const ConfigKey &entry : kConfigKeys) {
-      if (std::strstr(line, entry.key) == nullptr) continue;
-      *entry.setting = static_cast<uint32_t>(
-          std::strtoul(line + std::strlen(entry.key), nullptr, 0));
-      break;
-    }
-  }
+  tqredis::detail::ReadConfigStream(fp);
   std::fclose(fp);
 }
 
 }  // namespace
 
 namespace tqredis::detail {
+
+void ReadConfigStream(FILE *fp) {
+  char line[256] = {0};
+  // A longer line is read in pieces of 254 characters, each seen as a line.
+  // A NUL byte ends the line's text for the key search and the number; a
+  // directory opened in place of the file fails the first read.
+  while (std::fgets(line, 255, fp) != nullptr) {
+    for (const ConfigKey &entry : kConfigKeys) {
+      if (std::strstr(line, entry.key) == nullptr) continue;
+      // The key lies within the text before the first NUL, so that text is
+      // at least as long as the key: the number's index stays inside it.
+      *entry.setting = ReadNumber(line + std::strlen(entry.key));
+      break;
+    }
+  }
+}
 
 LocalTime LocalNow() {
   LocalTime time;

@@ -35,6 +35,10 @@ struct LocalTime {
 };
 LocalTime LocalNow();
 
+// Reads configuration lines from `fp` into the settings, as done at load
+// from "/data/tqredis/<process name>.dbg". Any bytes are accepted.
+void ReadConfigStream(FILE *fp);
+
 // Writes the stamp "YYYYMMDD_hh:mm:ss." of `time` and its microseconds,
 // zero-padded to six digits when `pad_usec`, else unpadded, into `out`
 // (NUL-terminated, cut to size - 1 characters). Returns the length written.
