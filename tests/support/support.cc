@@ -120,12 +120,17 @@ ChildResult RunProbe(const std::string &name,
                      const std::vector<std::string> &args) {
   char dir[] = "/tmp/tqtest-probe-XXXXXX";
   if (mkdtemp(dir) == nullptr) return {};
+  // The kernel names the process after the file it executes: under an
+  // emulator that is the emulator, so the link named `name` points at it and
+  // the probe becomes its first argument.
+  const bool emulated = TQTEST_EMULATOR[0] != '\0';
   const std::string link = std::string(dir) + "/" + name;
-  if (symlink(TQPROBE_PATH, link.c_str()) != 0) {
+  if (symlink(emulated ? TQTEST_EMULATOR : TQPROBE_PATH, link.c_str()) != 0) {
     rmdir(dir);
     return {};
   }
   std::vector<std::string> argv{link};
+  if (emulated) argv.push_back(TQPROBE_PATH);
   argv.insert(argv.end(), args.begin(), args.end());
   ChildResult result = RunProgram(argv);
   unlink(link.c_str());
