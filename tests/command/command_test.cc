@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fixtures.h"
 #include "support/logged.h"
 #include "support/servers.h"
 #include "tqredis.h"
@@ -41,17 +42,7 @@ long long DbSizeReaching(int db, long long expected) {
   return size;
 }
 
-class Command : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    tqredis_init(nullptr, 0, nullptr, 2);
-    // Connected and with the card information read: no command waits.
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
-  }
-  tqtest::DeviceServers servers_;
-};
+class Command : public tqtest::ConnectedDevice {};
 
 }  // namespace
 

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "connect/reader.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
 #include "support/peer.h"
 #include "support/servers.h"
@@ -346,16 +347,7 @@ TEST(HostilePattern, PatternsFillingTheFieldAreKeptTo127Characters) {
   EXPECT_NE(shown.find(line127, shown.find(line127) + 1), std::string::npos);
 }
 
-class HostileCommand : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    tqredis_init(nullptr, 0, nullptr, 2);
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
-  }
-  tqtest::DeviceServers servers_;
-};
+class HostileCommand : public tqtest::ConnectedDevice {};
 
 TEST_F(HostileCommand, KeysOfEveryLengthAndBinaryValuesRoundTrip) {
   auto direct = tqtest::Direct(2);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "core/cardinfo.h"
+#include "support/fixtures.h"
 #include "support/reply_peer.h"
 #include "support/server_side.h"
 #include "support/logged.h"
@@ -39,17 +40,7 @@ std::string Pending(const char *op, const char *db) {
              : slot.substr(at + 16, slot.find('\r', at) - at - 16);
 }
 
-class Expire : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    tqredis_init(nullptr, 0, nullptr, 2);
-    // Connected and with the card information read: no command waits.
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
-  }
-  tqtest::DeviceServers servers_;
-};
+class Expire : public tqtest::ConnectedDevice {};
 
 }  // namespace
 
