@@ -229,7 +229,7 @@ TEST_F(Pump, ThreeNotificationsInOneReadAreDeliveredInOneCall) {
   std::string bytes;
   for (const char *key : {"ka", "kb", "kc"}) {
     bytes += std::string(
-                 "*5\\r\\n$8\\r\\npmessage\\r\\n$16\\r\\n__keyspace@0__:k*"
+                 "*5\\r\\n$8\\r\\npmessage\\r\\n$17\\r\\n__keyspace@0__:k*"
                  "\\r\\n$17\\r\\n") +
              "__keyspace@0__:" + key + "\\r\\n$3\\r\\nset\\r\\n$1\\r\\n" +
              key[1] + "\\r\\n";
@@ -278,8 +278,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Malformed{
             "FourElements",
-            "*4\\r\\n$8\\r\\npmessage\\r\\n$16\\r\\n__keyspace@0__:k*\\r\\n$"
-            "16\\r\\n__"
+            "*4\\r\\n$8\\r\\npmessage\\r\\n$17\\r\\n__keyspace@0__:k*\\r\\n$"
+            "17\\r\\n__"
             "keyspace@0__:k1\\r\\n$3\\r\\nset\\r\\n",
             "<tqredis_check_pubsub_reply>:pmessage error[type=2 size=4]\r\n"
             "<tqredis_db_deal_pmsg>:pmessage invalid\r\n"},
@@ -288,21 +288,21 @@ INSTANTIATE_TEST_SUITE_P(
             "<tqredis_check_pubsub_reply>:pmessage error[type=5 size=0]\r\n"
             "<tqredis_db_deal_pmsg>:pmessage invalid\r\n"},
         Malformed{"NullPatternChannel",
-                  "*5\\r\\n$8\\r\\npmessage\\r\\n$-1\\r\\n$16\\r\\n__keyspace@"
+                  "*5\\r\\n$8\\r\\npmessage\\r\\n$-1\\r\\n$17\\r\\n__keyspace@"
                   "0__:k1\\r\\n$3\\r\\n"
                   "set\\r\\n$1\\r\\nv\\r\\n",
                   "<tqredis_check_pubsub_reply>:reply invalid\r\n"
                   "<tqredis_check_pubsub_reply>:element[1] is null\r\n"
                   "<tqredis_db_deal_pmsg>:pmessage invalid\r\n"},
         Malformed{"NullEvent",
-                  "*5\\r\\n$8\\r\\npmessage\\r\\n$16\\r\\n__keyspace@0__:k*"
-                  "\\r\\n$16\\r\\n__"
+                  "*5\\r\\n$8\\r\\npmessage\\r\\n$17\\r\\n__keyspace@0__:k*"
+                  "\\r\\n$17\\r\\n__"
                   "keyspace@0__:k1\\r\\n$-1\\r\\n$1\\r\\nv\\r\\n",
                   "<tqredis_check_pubsub_reply>:reply invalid\r\n"
                   "<tqredis_check_pubsub_reply>:element[3] is null\r\n"
                   "<tqredis_db_deal_pmsg>:pmessage invalid\r\n"},
         Malformed{"KeyChannelWithoutColon",
-                  "*5\\r\\n$8\\r\\npmessage\\r\\n$16\\r\\n__keyspace@0__:k*"
+                  "*5\\r\\n$8\\r\\npmessage\\r\\n$17\\r\\n__keyspace@0__:k*"
                   "\\r\\n$2\\r\\nk1\\r\\n$"
                   "3\\r\\nset\\r\\n$1\\r\\nv\\r\\n",
                   "<tqredis_check_pubsub_reply>:element[2] invalid\r\n"
@@ -317,7 +317,7 @@ INSTANTIATE_TEST_SUITE_P(
         // five elements it would be read past its end.
         Malformed{
             "ShortWithANil",
-            "*3\\r\\n$8\\r\\npmessage\\r\\n$-1\\r\\n$16\\r\\n__keyspace@0__:"
+            "*3\\r\\n$8\\r\\npmessage\\r\\n$-1\\r\\n$17\\r\\n__keyspace@0__:"
             "k1\\r\\n",
             "<tqredis_check_pubsub_reply>:reply invalid\r\n"
             "<tqredis_check_pubsub_reply>:pmessage error[type=2 size=3]\r\n"
