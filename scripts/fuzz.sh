@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the libFuzzer targets with clang (AddressSanitizer and
 # UndefinedBehaviorSanitizer on) and runs each for FUZZ_SECONDS (default 60)
-# from a copy of its seed corpus in fuzz/corpus/<target>/. BUILD_DIR defaults
+# from a copy of its starting corpus in fuzz/corpus/<target>/. BUILD_DIR defaults
 # to build-fuzz. Exits non-zero when a target finds a crash, a leak or a
 # sanitizer report; the input that did it is left in BUILD_DIR/artifacts/.
 set -eu
