@@ -1,7 +1,7 @@
 // Configuration files of arbitrary bytes through the reader used at load.
 #include <cstdio>
 
-#include "debug/log.h"
+#include "core/log.h"
 #include "fuzz/fuzz_common.h"
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "core/keycmd.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 namespace {

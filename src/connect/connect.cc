@@ -12,7 +12,7 @@
 #include "connect/table.h"
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 extern char **environ;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;

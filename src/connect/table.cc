@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/cardinfo.h"
-#include "debug/log.h"
+#include "connect/cardinfo.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 tqredis_conn_slot g_tqredis_connect_mng[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};

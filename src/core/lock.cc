@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 uint8_t g_tqredis_lock_enable = 0;

@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "connect/table.h"
-#include "core/cardinfo.h"
+#include "connect/cardinfo.h"
 #include "core/lock.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kLogError;

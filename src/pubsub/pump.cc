@@ -15,7 +15,7 @@
 #include "core/keycmd.h"
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "pubsub/registry.h"
 #include "tqredis.h"
 

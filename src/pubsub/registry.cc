@@ -10,7 +10,7 @@
 
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;

@@ -2,7 +2,7 @@
 // database's pubsub connection, and the data checks after each (re)making.
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "pubsub/registry.h"
 #include "tqredis.h"
 

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kLogData;

@@ -7,7 +7,7 @@
 
 #include "core/keycmd.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kKeyCmd_clientlistname;

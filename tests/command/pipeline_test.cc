@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/cardinfo.h"
+#include "connect/cardinfo.h"
 #include "support/logged.h"
 #include "support/servers.h"
 #include "tqredis.h"

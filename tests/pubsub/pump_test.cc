@@ -9,7 +9,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "debug/oprecord.h"
+#include "records/records.h"
 #include "pubsub/pump.h"
 #include "support/emulator.h"
 #include "support/logged.h"

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/cardinfo.h"
+#include "connect/cardinfo.h"
 #include "support/reply_peer.h"
 #include "support/server_side.h"
 #include "support/emulator.h"

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 extern "C" uint32_t g_tqredis_cmd_commit_thres;

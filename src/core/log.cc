@@ -1,6 +1,6 @@
 // Debug levels, the configuration file, the two bounded log files and their
 // writer.
-#include "debug/log.h"
+#include "core/log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "core/keycmd.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kKeyCmd_del;

@@ -1,12 +1,12 @@
 // The card information: which databases exist, this card's node, the master,
 // and the wait that holds commands until they are known.
-#include "core/cardinfo.h"
+#include "connect/cardinfo.h"
 
 #include <cstdio>
 
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kLogLife;

@@ -1,6 +1,6 @@
 // The operation rings and snapshot pairs: process-wide static storage.
-#ifndef TQREDIS_SRC_DEBUG_OPRECORD_H_
-#define TQREDIS_SRC_DEBUG_OPRECORD_H_
+#ifndef TQREDIS_SRC_RECORDS_RECORDS_H_
+#define TQREDIS_SRC_RECORDS_RECORDS_H_
 
 #include <cstdint>
 
@@ -20,4 +20,4 @@ int32_t KernelTid();
 
 }  // namespace tqredis::detail
 
-#endif  // TQREDIS_SRC_DEBUG_OPRECORD_H_
+#endif  // TQREDIS_SRC_RECORDS_RECORDS_H_

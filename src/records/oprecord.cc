@@ -1,7 +1,7 @@
 // The operation rings, their peaks and the snapshot pairs, and the three ways
 // out of them: into redis_host, onto the console, and (through the tracing
 // calls) into a caller's buffer.
-#include "debug/oprecord.h"
+#include "records/records.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -16,7 +16,7 @@
 
 #include "core/lock.h"
 #include "core/names.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;

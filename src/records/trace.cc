@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "core/lock.h"
-#include "debug/log.h"
-#include "debug/oprecord.h"
+#include "core/log.h"
+#include "records/records.h"
 #include "tqredis.h"
 
 using tqredis::detail::KernelTid;

@@ -1,6 +1,6 @@
 // Debug levels, the file mask and the one logging idiom of every call site.
-#ifndef TQREDIS_SRC_DEBUG_LOG_H_
-#define TQREDIS_SRC_DEBUG_LOG_H_
+#ifndef TQREDIS_SRC_CORE_LOG_H_
+#define TQREDIS_SRC_CORE_LOG_H_
 
 #include <sys/time.h>
 
@@ -75,4 +75,4 @@ size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
                               ##__VA_ARGS__)                                 \
         : 0))
 
-#endif  // TQREDIS_SRC_DEBUG_LOG_H_
+#endif  // TQREDIS_SRC_CORE_LOG_H_

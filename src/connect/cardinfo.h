@@ -1,6 +1,6 @@
 // The card information: which databases exist, this card's node, the master.
-#ifndef TQREDIS_SRC_CORE_CARDINFO_H_
-#define TQREDIS_SRC_CORE_CARDINFO_H_
+#ifndef TQREDIS_SRC_CONNECT_CARDINFO_H_
+#define TQREDIS_SRC_CONNECT_CARDINFO_H_
 
 #include <cstdint>
 
@@ -14,4 +14,4 @@ struct tqredis_cardinfo {
 // Guarded by the global lock. Reset at load by tqredis_cardinfo_init().
 extern "C" tqredis_cardinfo g_tqredis_cardinfo;
 
-#endif  // TQREDIS_SRC_CORE_CARDINFO_H_
+#endif  // TQREDIS_SRC_CONNECT_CARDINFO_H_

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/cardinfo.h"
+#include "connect/cardinfo.h"
 #include "support/fixtures.h"
 #include "support/reply_peer.h"
 #include "support/server_side.h"

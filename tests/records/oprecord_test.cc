@@ -13,8 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include "debug/log.h"
-#include "debug/oprecord.h"
+#include "core/log.h"
+#include "records/records.h"
 #include "support/clock.h"
 #include "support/logged.h"
 #include "tqredis.h"

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "core/keycmd.h"
-#include "debug/log.h"
+#include "core/log.h"
 #include "tqredis.h"
 
 using tqredis::detail::kKeyCmd_hset;
