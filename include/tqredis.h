@@ -43,8 +43,12 @@
 
 #if defined(__GNUC__)
 #define TQREDIS_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
+/* Marks a call that never returns; the compiler and analysers then know
+ * that no line after it runs. Changes nothing in the ABI. */
+#define TQREDIS_NORETURN __attribute__((noreturn))
 #else
 #define TQREDIS_PRINTF(fmt, args)
+#define TQREDIS_NORETURN
 #endif
 
 #ifdef __cplusplus
@@ -289,7 +293,7 @@ TQREDIS_API void tqredis_disconnect(uint32_t op, uint32_t db);
 /* Logs, copies "/tmp/tqredis//<process>.limitlog" into
  * "/var/tmp/coredump/" (cp, run without a shell) and ends the process with
  * exit(0). Does not return. */
-TQREDIS_API void tqredis_exit(uint32_t db);
+TQREDIS_API TQREDIS_NORETURN void tqredis_exit(uint32_t db);
 
 /* ---- Reconnection --------------------------------------------------------- */
 

@@ -15,6 +15,8 @@
 
 namespace {
 
+using tqredis::detail::g_tqredis_file_level;
+using tqredis::detail::g_tqredis_timestat;
 using tqredis::detail::kLogData;
 using tqredis::detail::kLogLife;
 

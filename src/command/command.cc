@@ -1,27 +1,24 @@
 // The one road of every command: argument check, slot choice, synchronous
 // reads, pipelined writes with their commit threshold, and the retry after a
 // reconnection.
+#include "command/command.h"
+
 #include <cstdarg>
 #include <cstdint>
 
+#include "connect/connect.h"
 #include "connect/table.h"
+#include "core/config.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
+using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
 using tqredis::detail::OpName;
-
-// Appended, unflushed commands at which a connection's buffer is written out.
-// Read and written without the lock: a single aligned word.
-extern "C" uint32_t g_tqredis_cmd_commit_thres;
-uint32_t g_tqredis_cmd_commit_thres = 32;
-
-void tqredis_set_cmd_commit_thres(uint32_t thres) {
-  g_tqredis_cmd_commit_thres = thres;  // no check: the caller's choice
-}
 
 // REQUIRES: the global lock is held.
 int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag) {
@@ -29,7 +26,7 @@ int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag) {
   tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
   // With a threshold of 0 every call writes, even with nothing pending.
   const bool due = ((flag & TQREDIS_CMD_COMMIT) && slot.append_cmd_num != 0) ||
-                   slot.append_cmd_num >= g_tqredis_cmd_commit_thres;
+                   slot.append_cmd_num >= tqredis::detail::CommitThreshold();
   if (!due) return 0;
   // A blocking socket: each write waits until the kernel takes the bytes.
   int done = 0;
@@ -101,10 +98,6 @@ int tqredis_exec_command(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
     return -1;
   }
   return 0;
-}
-
-void tqredis_datacheck_num_inc(uint32_t db) {
-  if (db < TQREDIS_DB_NUM) ++g_tqredis_connect_mng[TQREDIS_OP_PUBSUB][db].datacheck_num;
 }
 
 redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,

@@ -4,21 +4,27 @@
 
 #include <cstdio>
 
+#include "connect/connect.h"
+#include "connect/table.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_cardinfo;
 using tqredis::detail::kLogLife;
+using tqredis::detail::kUnknownNode;
 
 namespace {
-constexpr uint32_t kUnknownNode = 0xFFFFFFFFu;
 // What the reading step finds: one card, its own master.
 constexpr uint32_t kNode = 0;
 constexpr uint32_t kAllDatabases = 7;
 }  // namespace
 
-tqredis_cardinfo g_tqredis_cardinfo = {kAllDatabases, kUnknownNode, kUnknownNode};
+namespace tqredis::detail {
+tqredis_cardinfo g_tqredis_cardinfo = {kAllDatabases, kUnknownNode,
+                                       kUnknownNode};
+}  // namespace tqredis::detail
 
 void tqredis_cardinfo_init(void) {
   g_tqredis_cardinfo.db_bitmap = kAllDatabases;
@@ -89,4 +95,9 @@ void tqredis_cardinfo_stats_show(void) {
   std::printf("\tdb_bitmap=%#x\r\n", g_tqredis_cardinfo.db_bitmap);
   std::printf("\tmy_node=%#x\r\n", g_tqredis_cardinfo.my_node);
   std::printf("\tmaster_node=%#x\r\n", g_tqredis_cardinfo.master_node);
+}
+
+int tqredis_db_exist(uint32_t db) {
+  // No range check on purpose: any id names a bit, modulo the word.
+  return static_cast<int>((g_tqredis_cardinfo.db_bitmap >> (db % 32)) & 1u);
 }

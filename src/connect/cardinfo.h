@@ -11,7 +11,14 @@ struct tqredis_cardinfo {
   uint32_t master_node;  // the master card's node
 };
 
+namespace tqredis::detail {
+
 // Guarded by the global lock. Reset at load by tqredis_cardinfo_init().
-extern "C" tqredis_cardinfo g_tqredis_cardinfo;
+extern tqredis_cardinfo g_tqredis_cardinfo;
+
+// The value of a node field not read yet.
+inline constexpr uint32_t kUnknownNode = 0xFFFFFFFFu;
+
+}  // namespace tqredis::detail
 
 #endif  // TQREDIS_SRC_CONNECT_CARDINFO_H_

@@ -8,16 +8,21 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "connect/connect.h"
+#include "connect/cardinfo.h"
 #include "connect/reader.h"
 #include "connect/table.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/state.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
 extern char **environ;
 
 using tqredis::detail::DbName;
+using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 using tqredis::detail::kLogWarn;

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "connect/connect.h"
+#include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
 #include "tqredis.h"

@@ -6,9 +6,16 @@
 
 #include "connect/cardinfo.h"
 #include "core/log.h"
+#include "core/state.h"
 #include "tqredis.h"
 
+namespace tqredis::detail {
 tqredis_conn_slot g_tqredis_connect_mng[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};
+}  // namespace tqredis::detail
+
+using tqredis::detail::g_tqredis_cardinfo;
+using tqredis::detail::g_tqredis_connect_mng;
+using tqredis::detail::kUnknownNode;
 
 void tqredis_init_connect_mng(void) {
   tqredis_cardinfo_init();
@@ -74,9 +81,14 @@ void tqredis_refresh_write_connect_mng(uint8_t local, int32_t port) {
 
 int tqredis_get_write_connext_stats(uint32_t db) {
   if (db == TQREDIS_DB_HOST) return 0;  // always written through its read slot
-  if (g_tqredis_cardinfo.my_node == 0xFFFFFFFFu ||
-      g_tqredis_cardinfo.master_node == 0xFFFFFFFFu) {
+  if (g_tqredis_cardinfo.my_node == kUnknownNode ||
+      g_tqredis_cardinfo.master_node == kUnknownNode) {
     return -1;
   }
   return g_tqredis_cardinfo.my_node != g_tqredis_cardinfo.master_node ? 1 : 0;
+}
+
+void tqredis_datacheck_num_inc(uint32_t db) {
+  if (db < TQREDIS_DB_NUM)
+    ++g_tqredis_connect_mng[TQREDIS_OP_PUBSUB][db].datacheck_num;
 }

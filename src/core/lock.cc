@@ -11,8 +11,13 @@
 #include "core/log.h"
 #include "tqredis.h"
 
-uint8_t g_tqredis_lock_enable = 0;
+namespace tqredis::detail {
+std::atomic<uint8_t> g_tqredis_lock_enable{0};
 pthread_mutex_t g_tqredis_mutex = PTHREAD_MUTEX_INITIALIZER;
+}  // namespace tqredis::detail
+
+using tqredis::detail::g_tqredis_lock_enable;
+using tqredis::detail::g_tqredis_mutex;
 
 namespace {
 // Levels of the mutex this thread holds through tqredis_lock(). Read four
@@ -46,7 +51,7 @@ void tqredis_lock_init(void) {
 // The mutex results are deliberately not looked at: a recursive mutex made at
 // load cannot fail to lock or unlock for its owner.
 void tqredis_lock(void) {
-  if (!g_tqredis_lock_enable) return;
+  if (g_tqredis_lock_enable.load(std::memory_order_relaxed) == 0) return;
   pthread_mutex_lock(&g_tqredis_mutex);
   ++t_lock_depth;
 }

@@ -4,17 +4,18 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "tqredis.h"
 
-// 1 once tqredis_init() saw (flag & 2); never cleared. A plain byte: it is
-// set once, before the host's threads use the library.
-extern "C" uint8_t g_tqredis_lock_enable;
-// Recursive; made at load whether or not it will be used, never destroyed.
-extern "C" pthread_mutex_t g_tqredis_mutex;
-
 namespace tqredis::detail {
+
+// 1 once tqredis_init() saw (flag & 2); never cleared. Read by every locked
+// call of every thread, which may already run when the host enables it.
+extern std::atomic<uint8_t> g_tqredis_lock_enable;
+// Recursive; made at load whether or not it will be used, never destroyed.
+extern pthread_mutex_t g_tqredis_mutex;
 
 // Levels of the global lock the calling thread holds. The lock can be
 // switched on while a thread is inside the library; counting what each

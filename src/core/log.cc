@@ -1,5 +1,4 @@
-// Debug levels, the configuration file, the two bounded log files and their
-// writer.
+// The two bounded log files, their writer, and the time stamp of every line.
 #include "core/log.h"
 
 #include <fcntl.h>
@@ -14,16 +13,12 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/config.h"
 #include "tqredis.h"
-
-uint32_t g_tqredis_dbg_level = 0;
-uint32_t g_tqredis_file_level = TQREDIS_LOG_LIFE;
-uint32_t g_tqredis_timestat = 0;
 
 namespace {
 
 constexpr char kLogDir[] = "/tmp/tqredis/";
-constexpr char kConfigDir[] = "/data/tqredis/";
 // A file at or past this position is written again from its start.
 constexpr long kLogFileBound = 32769;
 constexpr unsigned long kPowersOfTen[] = {1, 10, 100, 1000, 10000, 100000};
@@ -32,19 +27,6 @@ constexpr unsigned long kPowersOfTen[] = {1, 10, 100, 1000, 10000, 100000};
 // process. NULL when the open failed; their levels are then dropped.
 FILE *g_tqredis_limitlog_fp = nullptr;
 FILE *g_tqredis_unlimitlog_fp = nullptr;
-
-// Configuration keys. The number is read at the key's length from the start
-// of the line, wherever the key was found: a key is only understood at the
-// start of its line, deliberately.
-struct ConfigKey {
-  const char *key;
-  uint32_t *setting;
-};
-const ConfigKey kConfigKeys[] = {
-    {"dbglevel=", &g_tqredis_dbg_level},
-    {"filelevel=", &g_tqredis_file_level},
-    {"timestat=", &g_tqredis_timestat},
-};
 
 // Opened as fopen(path, "w+") would, except that a symbolic link planted at
 // the path is not followed: the open fails (its levels are then dropped)
@@ -60,51 +42,9 @@ FILE *OpenLog(const char *suffix) {
   return fp;
 }
 
-// strtoul(text, nullptr, 0) as on the device, whose unsigned long has 32
-// bits, on every ABI: a magnitude past 32 bits gives all bits set (not its
-// low 32 bits), a '-' negates the magnitude modulo 2^32, no digits give 0.
-uint32_t ReadNumber(const char *text) {
-  while (std::isspace(static_cast<unsigned char>(*text))) ++text;
-  const bool negative = *text == '-';
-  if (*text == '-' || *text == '+') ++text;
-  // strtoull would take a second sign or blanks, which strtoul refuses here.
-  if (!std::isdigit(static_cast<unsigned char>(*text))) return 0;
-  errno = 0;
-  const unsigned long long magnitude = std::strtoull(text, nullptr, 0);
-  if (errno == ERANGE || magnitude > UINT32_MAX) return UINT32_MAX;
-  const uint32_t value = static_cast<uint32_t>(magnitude);
-  return negative ? 0u - value : value;
-}
-
-void ReadConfig() {
-  char path[128];
-  std::snprintf(path, sizeof(path), "%s%s.dbg", kConfigDir,
-                g_tqredis_proc_name);
-  FILE *fp = std::fopen(path, "r");
-  if (fp == nullptr) return;  // no file: the defaults stay
-  tqredis::detail::ReadConfigStream(fp);
-  std::fclose(fp);
-}
-
 }  // namespace
 
 namespace tqredis::detail {
-
-void ReadConfigStream(FILE *fp) {
-  char line[256] = {0};
-  // A longer line is read in pieces of 254 characters, each seen as a line.
-  // A NUL byte ends the line's text for the key search and the number; a
-  // directory opened in place of the file fails the first read.
-  while (std::fgets(line, 255, fp) != nullptr) {
-    for (const ConfigKey &entry : kConfigKeys) {
-      if (std::strstr(line, entry.key) == nullptr) continue;
-      // The key lies within the text before the first NUL, so that text is
-      // at least as long as the key: the number's index stays inside it.
-      *entry.setting = ReadNumber(line + std::strlen(entry.key));
-      break;
-    }
-  }
-}
 
 LocalTime LocalNow() {
   LocalTime time;
@@ -183,12 +123,12 @@ int tqredis_dbg_init(void) {
   mkdir(kLogDir, 0777);
   g_tqredis_limitlog_fp = OpenLog("limitlog");
   g_tqredis_unlimitlog_fp = OpenLog("unlimitlog");
-  ReadConfig();
+  tqredis::detail::ReadConfig();
   return 0;
 }
 
 FILE *tqredis_get_log_fp(uint32_t level) {
-  if ((level & g_tqredis_file_level) == 0) return nullptr;
+  if ((level & tqredis::detail::FileLevel()) == 0) return nullptr;
   switch (level) {
     case TQREDIS_LOG_LIFE:
     case TQREDIS_LOG_WARN:
@@ -224,25 +164,4 @@ int tqredis_dbg_logfile(uint32_t level, const char *format, ...) {
   va_end(ap);
   // Flushed at once, so the file holds the latest events if the process dies.
   return std::fflush(fp);
-}
-
-int tqredis_dbg_cfg(int type, uint32_t value) {
-  switch (type) {
-    case 0:
-      g_tqredis_dbg_level = value;
-      break;
-    case 1:
-      g_tqredis_file_level = value;
-      break;
-    case 2:
-      g_tqredis_timestat = value;
-      break;
-    case 3:
-      tqredis_set_cmd_commit_thres(value);
-      break;
-    default:
-      break;  // unknown: nothing changes, but the request is still logged
-  }
-  return TQ_LOG(tqredis::detail::kLogWarn, "set type[%d] value=%d\r\n", type,
-                static_cast<int>(value));
 }

@@ -1,4 +1,4 @@
-// Debug levels, the file mask and the one logging idiom of every call site.
+// Debug levels, the log files and the one logging idiom of every call site.
 #ifndef TQREDIS_SRC_CORE_LOG_H_
 #define TQREDIS_SRC_CORE_LOG_H_
 
@@ -9,13 +9,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "core/config.h"
 #include "tqredis.h"
-
-// File mask: a message of level L goes to a log file when it has L.
-// Written by the constructor and tqredis_dbg_cfg(); read without a lock.
-extern "C" uint32_t g_tqredis_file_level;
-// Non-zero: records carry thread ids and elapsed times.
-extern "C" uint32_t g_tqredis_timestat;
 
 namespace tqredis::detail {
 
@@ -34,10 +29,6 @@ struct LocalTime {
   struct tm local;
 };
 LocalTime LocalNow();
-
-// Reads configuration lines from `fp` into the settings, as done at load
-// from "/data/tqredis/<process name>.dbg". Any bytes are accepted.
-void ReadConfigStream(FILE *fp);
 
 // Writes the stamp "YYYYMMDD_hh:mm:ss." of `time` and its microseconds,
 // zero-padded to six digits when `pad_usec`, else unpadded, into `out`
@@ -69,7 +60,7 @@ size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
                                         g_tqredis_proc_name, (func), (line), \
                                         ##__VA_ARGS__))                      \
         : static_cast<void>(0)),                                             \
-   ((g_tqredis_file_level & (level))                                         \
+   ((::tqredis::detail::FileLevel() & (level))                               \
         ? tqredis_dbg_logfile((level), TQREDIS_LOG_PREFIX fmt,               \
                               g_tqredis_proc_name, (func), (line),           \
                               ##__VA_ARGS__)                                 \

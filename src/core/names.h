@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "core/state.h"
 #include "tqredis.h"
 
 namespace tqredis::detail {

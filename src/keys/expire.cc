@@ -2,10 +2,17 @@
 // pattern walk (give a time to live, delete keys that have one).
 #include <cstdint>
 
+#include "command/command.h"
+#include "connect/connect.h"
 #include "core/keycmd.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "records/records.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 using tqredis::detail::kKeyCmd_del;
 using tqredis::detail::kKeyCmd_pexpire;
 using tqredis::detail::kKeyCmd_pttl;
@@ -45,7 +52,7 @@ int tqredis_pexpire_key(uint32_t db, const char *key, int ageing_time) {
   if (db >= TQREDIS_DB_NUM || key == nullptr || ageing_time <= 0) {
     TQ_LOG(kLogData, "input arguments invalid: db=%d ageing_time=%d\n",
            static_cast<int>(db), ageing_time);
-    return -2;
+    return kBadArgs;
   }
   const int slot = tqredis_db_out_log(key, kKeyCmd_pexpire, db, 0);
   SendPexpire(db, key, ageing_time);
@@ -68,10 +75,9 @@ int tqredis_key_pexpire(int db, const char *key, void *arg) {
 }
 
 int tqredis_expire_key_del(int db, const char *key, void * /*arg*/) {
-  constexpr int kBadArgs = -2;
   if (key == nullptr) {
     TQ_LOG(kLogData, "PTTL get expire time fail, rv=%d\n", kBadArgs);
-    return -1;
+    return kFail;
   }
   const auto udb = static_cast<uint32_t>(db);
   tqredis_db_out_log(key, kKeyCmd_pttl, udb, 0);
@@ -82,7 +88,7 @@ int tqredis_expire_key_del(int db, const char *key, void * /*arg*/) {
   if (rv != 0) {
     TQ_LOG(kLogData, "PTTL get expire time fail, rv=%d\n", rv);
     tqredis_free_reply(reply);
-    return -1;
+    return kFail;
   }
   // 0 or more: the key exists and expires. -1 (no expiry) and -2 (no such
   // key) are left alone. The key may change between the read and the DEL.

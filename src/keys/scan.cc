@@ -4,10 +4,18 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "command/command.h"
 #include "core/keycmd.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "pubsub/pubsub.h"
+#include "records/records.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
+using tqredis::detail::Element;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 using tqredis::detail::kKeyCmd_hset;
 using tqredis::detail::kKeyCmd_sadd;
 using tqredis::detail::kKeyCmd_scan;
@@ -15,14 +23,6 @@ using tqredis::detail::kKeyCmd_set;
 using tqredis::detail::kLogData;
 
 namespace {
-
-constexpr int kScanFail = -1;
-constexpr int kBadArgs = -2;
-
-// An array's sub-reply; NULL when a hand-built array lacks its vector.
-redisReply *Element(const redisReply *reply, size_t i) {
-  return reply->element == nullptr ? nullptr : reply->element[i];
-}
 
 // Copies at most 127 characters of `text` into a record's key, always
 // NUL-terminated.
@@ -88,14 +88,14 @@ int ScanPages(uint32_t db, const char *pattern, int count, OnPage on_page) {
     if (tqredis_check_scan_reply(reply) == 0) {
       tqredis_print_reply(reply);
       tqredis_free_reply(reply);
-      return kScanFail;
+      return kFail;
     }
     cursor = static_cast<int>(std::strtol(Element(reply, 0)->str, nullptr, 0));
     const bool go_on = on_page(reply);
     tqredis_free_reply(reply);
-    if (!go_on) return kScanFail;
+    if (!go_on) return kFail;
   } while (cursor != 0);
-  return 0;
+  return tqredis::detail::kOk;
 }
 
 }  // namespace

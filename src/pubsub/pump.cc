@@ -12,11 +12,18 @@
 #include <cstring>
 #include <string_view>
 
+#include "command/command.h"
+#include "connect/connect.h"
 #include "core/keycmd.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "core/state.h"
+#include "pubsub/pubsub.h"
 #include "pubsub/registry.h"
+#include "records/records.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
@@ -24,8 +31,17 @@ using tqredis::detail::kLogData;
 using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 
+namespace tqredis::detail {
 int32_t g_tqredis_idle_ticks = 0;
 uint32_t g_tqredis_pubsub_reading = 0;
+}  // namespace tqredis::detail
+
+using tqredis::detail::g_tqredis_idle_ticks;
+using tqredis::detail::g_tqredis_pubsub_list;
+using tqredis::detail::g_tqredis_pubsub_list_inited;
+using tqredis::detail::g_tqredis_pubsub_reading;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 
 namespace {
 
@@ -86,7 +102,7 @@ int tqredis_pubsub(void) {
   if (ready < 0) {
     const int err = errno;
     TQ_LOG(kLogError, "slect fail for %s\r\n", std::strerror(err));
-    return -1;
+    return kFail;
   }
   if (ready == 0) {
     // Idle: pipelined writes wait at most one wait for their flush.
@@ -121,12 +137,11 @@ int tqredis_get_pubsub(uint32_t db) {
   }
   if (rv == 1) return 1;
   const int err = errno;
-  // The connection was live, so dropping it ends the process; the flags are
-  // cleared for a library that would rather reconnect.
-  tqredis_disconnect(TQREDIS_OP_PUBSUB, db);
-  tqredis_psubflag_clear(db);
+  // Logged first: dropping a live connection ends the process.
   TQ_LOG(kLogLife, ">>>>%s pubsubdb disconnect, error=%s\r\n", DbName(db),
          std::strerror(err));
+  tqredis_disconnect(TQREDIS_OP_PUBSUB, db);
+  tqredis_psubflag_clear(db);
   return rv;
 }
 
@@ -190,7 +205,7 @@ int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
       reply->element[kEvent] == nullptr ||
       !HasColon(reply->element[kKeyChannel])) {
     TQ_LOG(kLogError, "input arguments invalid\r\n");
-    return -2;
+    return kBadArgs;
   }
   const std::string_view key = AfterColon(reply->element[kKeyChannel]);
   // Cut at 127 characters or at an embedded NUL, whichever comes first.
@@ -204,16 +219,16 @@ int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
 }
 
 int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg) {
-  // Read once: another thread may replace the pair meanwhile.
-  const tqredis_pmsg_hook_f hook = g_tqredis_pmsg_hook;
-  return hook != nullptr ? hook(pmsg, g_tqredis_pmsg_hook_arg) : 0;
+  // Read as one pair: another thread may replace it meanwhile.
+  const tqredis::detail::PmsgHook hook = tqredis::detail::GetPmsgHook();
+  return hook.hook != nullptr ? hook.hook(pmsg, hook.arg) : 0;
 }
 
 int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
   if (db >= TQREDIS_DB_NUM || !tqredis_check_pubsub_reply(reply)) {
     TQ_LOG(kLogError, "pmessage invalid\r\n");
     tqredis_print_reply(reply);
-    return -2;
+    return kBadArgs;
   }
   tqredis_pmsg pmsg{};
   tqredis_get_pmsg_by_reply(reply, &pmsg);

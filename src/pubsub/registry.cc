@@ -2,6 +2,8 @@
 // and the process-wide message hook.
 #include "pubsub/registry.h"
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,8 @@
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "core/state.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
@@ -18,12 +22,43 @@ using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 using tqredis::detail::ScopedLock;
 
+namespace tqredis::detail {
+
 tqredis_pubsub_node g_tqredis_pubsub_list[TQREDIS_DB_NUM] = {};
 tqredis_data_check_node g_tqredis_data_check_list = {};
 uint8_t g_tqredis_pubsub_list_inited = 0;
 uint8_t g_tqredis_datacheck[TQREDIS_DB_NUM] = {};
-tqredis_pmsg_hook_f g_tqredis_pmsg_hook = nullptr;
-void *g_tqredis_pmsg_hook_arg = nullptr;
+
+namespace {
+// The pair and the mutex that keeps its two words together. Never held
+// while a hook runs, and never taken with another lock inside it.
+PmsgHook g_pmsg_hook = {nullptr, nullptr};
+pthread_mutex_t g_pmsg_hook_mutex = PTHREAD_MUTEX_INITIALIZER;
+}  // namespace
+
+void SetPmsgHook(PmsgHook hook) {
+  pthread_mutex_lock(&g_pmsg_hook_mutex);
+  g_pmsg_hook = hook;
+  pthread_mutex_unlock(&g_pmsg_hook_mutex);
+}
+
+PmsgHook GetPmsgHook() {
+  pthread_mutex_lock(&g_pmsg_hook_mutex);
+  const PmsgHook hook = g_pmsg_hook;
+  pthread_mutex_unlock(&g_pmsg_hook_mutex);
+  return hook;
+}
+
+}  // namespace tqredis::detail
+
+using tqredis::detail::g_tqredis_data_check_list;
+using tqredis::detail::g_tqredis_datacheck;
+using tqredis::detail::g_tqredis_pubsub_list;
+using tqredis::detail::g_tqredis_pubsub_list_inited;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
+using tqredis::detail::kNoMemory;
+using tqredis::detail::kOk;
 
 namespace {
 
@@ -54,19 +89,19 @@ void tqredis_pubsub_list_init(void) {
 int tqredis_data_check_register(tqredis_data_check_f data_check_f) {
   if (data_check_f == nullptr) {
     TQ_LOG(kLogError, "data_check_f is NULL\r\n");
-    return -2;
+    return kBadArgs;
   }
   // Never freed: the list lives as long as the process.
   auto *node = new (std::nothrow) tqredis_data_check_node{};
   if (node == nullptr) {
     TQ_LOG(kLogError, "malloc fail\r\n");
-    return -3;
+    return kNoMemory;
   }
   node->data_check_f = data_check_f;
   tqredis_pubsub_list_init();  // a direct caller may come before tqredis_init
   ScopedLock lock;
   AppendTail(&g_tqredis_data_check_list, node);
-  return 0;
+  return kOk;
 }
 
 int tqredis_pubsub_mng_check(pubsub_mng *mng) {
@@ -78,7 +113,7 @@ int tqredis_pubsub_mng_check(pubsub_mng *mng) {
 int tqredis_pubsub_register(pubsub_mng *mng, int mng_size) {
   if (mng == nullptr || mng_size <= 0) {
     TQ_LOG(kLogError, "input arguments invalid, mng_size=%d\r\n", mng_size);
-    return -1;
+    return kFail;
   }
   tqredis_pubsub_list_init();
   for (int i = 0; i < mng_size; ++i) {
@@ -92,7 +127,7 @@ int tqredis_pubsub_register(pubsub_mng *mng, int mng_size) {
     auto *node = new (std::nothrow) tqredis_pubsub_node{};
     if (node == nullptr) {
       TQ_LOG(kLogError, "malloc fail\r\n");
-      return -3;  // the nodes made so far stay registered
+      return kNoMemory;  // the nodes made so far stay registered
     }
     node->key_db = mng[i].key_db;
     // At most 127 characters are read: the caller's pattern need not be
@@ -110,17 +145,16 @@ int tqredis_pubsub_register(pubsub_mng *mng, int mng_size) {
     TQ_LOG(kLogLife, "psub register %s %s\r\n", DbName(node->key_db),
            node->key_pattern);
   }
-  return 0;
+  return kOk;
 }
 
 int tqredis_pmsg_hook_register(tqredis_pmsg_hook_f hook, void *hook_arg) {
   if (hook == nullptr) {
     TQ_LOG(kLogError, "pmsg hook is NULL\r\n");
-    return -2;
+    return kBadArgs;
   }
-  g_tqredis_pmsg_hook = hook;
-  g_tqredis_pmsg_hook_arg = hook_arg;
-  return 0;
+  tqredis::detail::SetPmsgHook({hook, hook_arg});
+  return kOk;
 }
 
 // Data check first, on purpose: a process that passes none gets -2 and no

@@ -14,21 +14,26 @@ struct tqredis_data_check_node {
   tqredis_data_check_f data_check_f;
 };
 
+namespace tqredis::detail {
+
 // All zero at load and made empty (pointing to themselves) by
 // tqredis_pubsub_list_init(); nodes are appended under the global lock and
 // never removed. Readers hold the global lock.
-extern "C" tqredis_pubsub_node g_tqredis_pubsub_list[TQREDIS_DB_NUM];
-extern "C" tqredis_data_check_node g_tqredis_data_check_list;
-extern "C" uint8_t g_tqredis_pubsub_list_inited;
+extern tqredis_pubsub_node g_tqredis_pubsub_list[TQREDIS_DB_NUM];
+extern tqredis_data_check_node g_tqredis_data_check_list;
+extern uint8_t g_tqredis_pubsub_list_inited;
 // Per database without subscriptions: 1 once its data check ran, until the
 // pubsub connection is gone. Guarded by the global lock.
-extern "C" uint8_t g_tqredis_datacheck[TQREDIS_DB_NUM];
-// The process-wide hook and its argument; written without the lock (each a
-// single word), NULL hook: none.
-extern "C" tqredis_pmsg_hook_f g_tqredis_pmsg_hook;
-extern "C" void *g_tqredis_pmsg_hook_arg;
+extern uint8_t g_tqredis_datacheck[TQREDIS_DB_NUM];
 
-namespace tqredis::detail {
+// The process-wide hook and its argument, always replaced and read as one
+// pair (registration may run on any thread, without the global lock).
+struct PmsgHook {
+  tqredis_pmsg_hook_f hook;  // NULL: none
+  void *arg;
+};
+void SetPmsgHook(PmsgHook hook);
+PmsgHook GetPmsgHook();
 
 // True when the list of `db` has no node. REQUIRES: the lists were made.
 inline bool PubsubListEmpty(uint32_t db) {

@@ -1,12 +1,20 @@
 // Turning registered subscriptions into pattern subscriptions on each
 // database's pubsub connection, and the data checks after each (re)making.
+#include "connect/connect.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "pubsub/pubsub.h"
 #include "pubsub/registry.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
+using tqredis::detail::g_tqredis_data_check_list;
+using tqredis::detail::g_tqredis_datacheck;
+using tqredis::detail::g_tqredis_pubsub_list;
+using tqredis::detail::kFail;
 using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 using tqredis::detail::kLogWarn;
@@ -16,12 +24,12 @@ using tqredis::detail::PubsubListEmpty;
 int tqredis_psubscrible(tqredis_pubsub_node *node) {
   if (node == nullptr || node->key_db >= TQREDIS_DB_NUM) {
     TQ_LOG(kLogError, "input arguments invalid\r\n");
-    return -1;
+    return kFail;
   }
   const uint32_t db = node->key_db;
   if (!tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB)) {
     TQ_LOG(kLogWarn, "pubsub %s not connected\r\n", DbName(db));
-    return -1;
+    return kFail;
   }
   if (node->flag) return 1;
   // Keyspace events of logical database 0, whatever the connection's id.
@@ -35,13 +43,14 @@ int tqredis_psubscrible(tqredis_pubsub_node *node) {
     TQ_LOG(kLogLife, ">>>>psubscribe %s@%d %s ok\r\n", DbName(db),
            static_cast<int>(node->dbid), node->key_pattern);
   } else {
+    // Logged first: dropping a live connection ends the process.
+    TQ_LOG(kLogError, "psubscribe %s@%d %s fail\r\n", DbName(db),
+           static_cast<int>(node->dbid), node->key_pattern);
     // A connection that refused one subscription is not trusted with the
     // others: drop it, so every pattern is made again on a new one.
     tqredis_disconnect(TQREDIS_OP_PUBSUB, db);
     tqredis_psubflag_clear(db);
-    TQ_LOG(kLogError, "psubscribe %s@%d %s fail\r\n", DbName(db),
-           static_cast<int>(node->dbid), node->key_pattern);
-    rv = -1;
+    rv = kFail;
   }
   if (reply != nullptr) tqredis_free_reply(reply);
   return rv;

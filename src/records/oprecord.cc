@@ -14,17 +14,32 @@
 #include <cstring>
 #include <ctime>
 
+#include "command/command.h"
+#include "core/config.h"
 #include "core/lock.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "core/state.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
 
+namespace tqredis::detail {
 tqredis_op_log g_tqredis_in_log;
 tqredis_op_log g_tqredis_out_log;
 tqredis_op_snap g_tqredis_snap;
 tqredis_op_snap g_tqredis_ham_snap;
+}  // namespace tqredis::detail
+
+using tqredis::detail::g_tqredis_ham_snap;
+using tqredis::detail::g_tqredis_in_log;
+using tqredis::detail::g_tqredis_out_log;
+using tqredis::detail::g_tqredis_snap;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
+using tqredis::detail::kOk;
+using tqredis::detail::kRingSize;
 
 // Records are handed to callers as raw memory: the layout is the same on every
 // target (no pointers, only 32-bit words and text).
@@ -68,10 +83,6 @@ int32_t KernelTid() {
 }  // namespace tqredis::detail
 
 namespace {
-
-constexpr uint32_t kRingSize =
-    sizeof(tqredis_op_log::records) / sizeof(tqredis_op_log::records[0]);
-static_assert(kRingSize == 32);
 
 constexpr char kStatsRoot[] = "/arch/mom";
 
@@ -142,9 +153,9 @@ void ForEachOldestFirst(const tqredis_op_log &log, Visit &&visit) {
 
 int tqredis_db_cmd_record(tqredis_op_record *rec, const char *key, int keycmd,
                           int db) {
-  if (rec == nullptr || key == nullptr) return -1;
+  if (rec == nullptr || key == nullptr) return kFail;
   for (const char *space : kUnrecordedKeys) {
-    if (std::strstr(key, space) != nullptr) return -1;
+    if (std::strstr(key, space) != nullptr) return kFail;
   }
   const tqredis::detail::LocalTime time = tqredis::detail::LocalNow();
   const struct timeval &now = time.now;
@@ -152,7 +163,7 @@ int tqredis_db_cmd_record(tqredis_op_record *rec, const char *key, int keycmd,
   // Zeroed first: a reused slot keeps no bytes of its previous record, and a
   // snapshot handed out holds nothing but this operation.
   std::memset(rec, 0, sizeof(*rec));
-  rec->tid = g_tqredis_timestat ? tqredis::detail::KernelTid() : 0;
+  rec->tid = tqredis::detail::TimeStat() ? tqredis::detail::KernelTid() : 0;
   // At most 30 characters; a date that does not fit is cut, never overrun.
   tqredis::detail::FormatStamp(time, false, rec->time, sizeof(rec->time) - 1);
   CopyField(rec->db, DbName(static_cast<uint32_t>(db)));
@@ -160,7 +171,7 @@ int tqredis_db_cmd_record(tqredis_op_record *rec, const char *key, int keycmd,
   CopyField(rec->cmd, KeyCmdName(keycmd));
   rec->start_sec = static_cast<uint32_t>(now.tv_sec);
   rec->start_usec = static_cast<uint32_t>(now.tv_usec);
-  return 0;
+  return kOk;
 }
 
 uint32_t tqredis_db_log_index_update(tqredis_op_log *log) {
@@ -222,11 +233,4 @@ void tqredis_db_show_log(void) {
   tqredis_db_print_log(&g_tqredis_out_log, "out_log");
   tqredis_db_print_snap(&g_tqredis_snap, "snap");
   tqredis_db_print_snap(&g_tqredis_ham_snap, "ham_snap");
-}
-
-// Each of the three takes the global lock itself.
-void tqredis_db_show_stats(void) {
-  tqredis_basic_stats_show();
-  tqredis_cardinfo_stats_show();
-  tqredis_pubsub_stats_show();
 }

@@ -1,4 +1,7 @@
-// The operation rings and snapshot pairs: process-wide static storage.
+// The operation rings and snapshot pairs: process-wide static storage. The
+// layers above record through the public calls tqredis_db_in_log(),
+// tqredis_db_out_log() and their _stat ends, and write the statistics with
+// tqredis_db_save_log().
 #ifndef TQREDIS_SRC_RECORDS_RECORDS_H_
 #define TQREDIS_SRC_RECORDS_RECORDS_H_
 
@@ -6,13 +9,18 @@
 
 #include "tqredis.h"
 
-// Zero at load, never reset. Every reader and writer holds the global lock.
-extern "C" tqredis_op_log g_tqredis_in_log;     // notifications, replayed keys
-extern "C" tqredis_op_log g_tqredis_out_log;    // writes
-extern "C" tqredis_op_snap g_tqredis_snap;      // filled as operations happen
-extern "C" tqredis_op_snap g_tqredis_ham_snap;  // as last handed out
-
 namespace tqredis::detail {
+
+// Zero at load, never reset. Every reader and writer holds the global lock.
+extern tqredis_op_log g_tqredis_in_log;     // notifications, replayed keys
+extern tqredis_op_log g_tqredis_out_log;    // writes
+extern tqredis_op_snap g_tqredis_snap;      // filled as operations happen
+extern tqredis_op_snap g_tqredis_ham_snap;  // as last handed out
+
+// Records in each ring.
+inline constexpr uint32_t kRingSize =
+    sizeof(tqredis_op_log::records) / sizeof(tqredis_op_log::records[0]);
+static_assert(kRingSize == 32);
 
 // The calling thread's kernel id (gettid), not the process id or the
 // threading library's handle.

@@ -6,20 +6,28 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/config.h"
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "core/state.h"
 #include "records/records.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_in_log;
+using tqredis::detail::g_tqredis_out_log;
+using tqredis::detail::g_tqredis_snap;
+using tqredis::detail::g_tqredis_ham_snap;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 using tqredis::detail::KernelTid;
 using tqredis::detail::kLogData;
 using tqredis::detail::kLogError;
+using tqredis::detail::kOk;
+using tqredis::detail::kRingSize;
 using tqredis::detail::ScopedLock;
 
 namespace {
-
-constexpr uint32_t kRingSize =
-    sizeof(tqredis_op_log::records) / sizeof(tqredis_op_log::records[0]);
 
 enum class Direction { kIn, kOut };
 
@@ -35,7 +43,7 @@ int LogStart(const char *func, int line, Direction dir, const char *key,
     TQ_LOG_FROM(func, line, kLogError,
                 "input arguments invalid, db=%d keycmd=%d\r\n",
                 static_cast<int>(db), static_cast<int>(keycmd));
-    return -1;
+    return kFail;
   }
   const bool in = dir == Direction::kIn;
   tqredis_op_log &log = in ? g_tqredis_in_log : g_tqredis_out_log;
@@ -43,7 +51,7 @@ int LogStart(const char *func, int line, Direction dir, const char *key,
   ScopedLock lock;
   const uint32_t slot = log.index % kRingSize;
   tqredis_op_record &rec = log.records[slot];
-  int result = -1;
+  int result = kFail;
   if (tqredis_db_cmd_record(&rec, key, static_cast<int>(keycmd),
                             static_cast<int>(db)) == 0) {
     tqredis_db_log_index_update(&log);
@@ -81,7 +89,7 @@ int tqredis_db_out_log(const char *key, uint32_t keycmd, uint32_t db,
 // this operation's. Reuse by the same thread after 32 further records is not
 // detected. The time spent waiting for the lock counts as handling time.
 void tqredis_db_log_stat(tqredis_op_log *log, uint32_t slot) {
-  if (!g_tqredis_timestat) return;
+  if (!tqredis::detail::TimeStat()) return;
   if (log == nullptr || slot >= kRingSize) {
     TQ_LOG(kLogError, "input arguments invalid, index=%d\r\n",
            static_cast<int>(slot));
@@ -128,7 +136,7 @@ void tqredis_db_out_log_stat(uint32_t slot) {
 int tqredis_get_db_op_snap(tqredis_op_snap *buf) {
   if (buf == nullptr) {
     TQ_LOG(kLogError, "input arguments invalid\r\n");
-    return -2;
+    return kBadArgs;
   }
   ScopedLock lock;
   const int32_t in_tid = g_tqredis_snap.in.tid;
@@ -140,5 +148,5 @@ int tqredis_get_db_op_snap(tqredis_op_snap *buf) {
   }
   g_tqredis_ham_snap = g_tqredis_snap;
   std::memset(&g_tqredis_snap, 0, sizeof(g_tqredis_snap));
-  return 0;
+  return kOk;
 }

@@ -3,17 +3,17 @@
 #include <cstdlib>
 
 #include "core/log.h"
+#include "core/result.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
+using tqredis::detail::Element;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 using tqredis::detail::kLogData;
 using tqredis::detail::kLogError;
 
 namespace {
-
-// An array's sub-reply; NULL when a hand-built array lacks its vector.
-redisReply *Element(const redisReply *reply, size_t i) {
-  return reply->element == nullptr ? nullptr : reply->element[i];
-}
 
 // REQUIRES: the caller tested debug level 16; nested replies print with no
 // indentation, their "%d) " prefixes following the parent's on one line.
@@ -119,7 +119,7 @@ void tqredis_print_reply(redisReply *reply) {
 int tqredis_convert_reply_value(redisReply *reply, int valtype, int *intval,
                                 int base, char **strval, int *len) {
   if (valtype != TQREDIS_VALTYPE_INT && valtype != TQREDIS_VALTYPE_STR)
-    return -1;  // outputs untouched
+    return kFail;  // outputs untouched
   // Hardening at the C boundary: a missing reply, output or text is refused
   // instead of dereferenced.
   const bool missing =
@@ -130,7 +130,7 @@ int tqredis_convert_reply_value(redisReply *reply, int valtype, int *intval,
            : strval == nullptr || len == nullptr);
   if (missing) {
     TQ_LOG(kLogError, "input arguments invalid, valtype=%d\r\n", valtype);
-    return -2;
+    return kBadArgs;
   }
   if (valtype == TQREDIS_VALTYPE_STR) {
     *strval = reply->str;  // points into the reply: lives as long as it

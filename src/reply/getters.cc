@@ -3,25 +3,16 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "core/result.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
+using tqredis::detail::Element;
+using tqredis::detail::kBadArgs;
+using tqredis::detail::kFail;
 using tqredis::detail::kLogData;
-
-namespace {
-
-enum : int {
-  kFail = -1,
-  kBadArgs = -2,
-  kWrongType = -4,
-  kNoField = -5,
-};
-
-// An array's sub-reply; NULL when a hand-built array lacks its vector.
-redisReply *Element(const redisReply *reply, size_t i) {
-  return reply->element == nullptr ? nullptr : reply->element[i];
-}
-
-}  // namespace
+using tqredis::detail::kNoField;
+using tqredis::detail::kWrongType;
 
 int tqredis_get_key_reply(redisReply *reply, int valtype, int *intval, int base,
                           char **strval, int *len) {

@@ -5,9 +5,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "command/command.h"
+#include "connect/connect.h"
 #include "core/keycmd.h"
 #include "core/names.h"
 #include "core/log.h"
+#include "core/result.h"
+#include "records/records.h"
+#include "reply/reply.h"
 #include "tqredis.h"
 
 using tqredis::detail::kKeyCmd_clientlistname;
@@ -124,7 +129,7 @@ int tqredis_get_proc_dbstatus(uint32_t db, const char *proc,
                               tqredis_client_status st[3]) {
   if (proc == nullptr || proc[0] == '\0' || st == nullptr) {
     TQ_LOG(kLogError, "input arguments invalid\r\n");
-    return -2;
+    return tqredis::detail::kBadArgs;
   }
   // db is left to the command path, which refuses an unknown one.
   for (uint32_t op = 0; op < TQREDIS_OP_NUM; ++op) {

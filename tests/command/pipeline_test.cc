@@ -10,6 +10,8 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_cardinfo;
+
 namespace {
 
 class NotMaster : public ::testing::Test {

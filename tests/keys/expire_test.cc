@@ -14,6 +14,8 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_cardinfo;
+
 using tqtest::CommandCalls;
 using tqtest::Logged;
 using tqtest::RunOn;

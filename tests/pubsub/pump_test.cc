@@ -16,6 +16,10 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_idle_ticks;
+using tqredis::detail::g_tqredis_in_log;
+using tqredis::detail::g_tqredis_pubsub_reading;
+
 namespace {
 
 // What a hook saw; the value is rendered while the reply still lives.

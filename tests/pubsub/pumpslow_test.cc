@@ -7,6 +7,8 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_idle_ticks;
+
 namespace {
 
 int IgnoreDataCheck(uint32_t) { return 0; }

@@ -15,6 +15,12 @@
 #include "support/logged.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_data_check_list;
+using tqredis::detail::g_tqredis_datacheck;
+using tqredis::detail::g_tqredis_lock_enable;
+using tqredis::detail::g_tqredis_pubsub_list;
+using tqredis::detail::g_tqredis_pubsub_list_inited;
+
 using tqtest::Logged;
 using tqtest::Printed;
 

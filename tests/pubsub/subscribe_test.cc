@@ -13,6 +13,9 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_datacheck;
+using tqredis::detail::g_tqredis_pubsub_list;
+
 using tqtest::Logged;
 using tqtest::Printed;
 using tqtest::SlotDump;

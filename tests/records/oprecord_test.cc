@@ -19,6 +19,10 @@
 #include "support/logged.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_in_log;
+using tqredis::detail::g_tqredis_out_log;
+using tqredis::detail::g_tqredis_timestat;
+
 namespace {
 
 using tqtest::Printed;

@@ -22,6 +22,13 @@
 #include "support/logged.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_file_level;
+using tqredis::detail::g_tqredis_ham_snap;
+using tqredis::detail::g_tqredis_in_log;
+using tqredis::detail::g_tqredis_out_log;
+using tqredis::detail::g_tqredis_snap;
+using tqredis::detail::g_tqredis_timestat;
+
 namespace {
 
 using tqtest::Logged;

@@ -18,6 +18,8 @@
 #include "support/servers.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_cardinfo;
+
 using tqtest::Logged;
 using tqtest::ReplyPeer;
 using tqtest::WithoutTimes;

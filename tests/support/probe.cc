@@ -5,19 +5,20 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
+#include "core/config.h"
 #include "tqredis.h"
 
-extern "C" uint32_t g_tqredis_cmd_commit_thres;
+using tqredis::detail::CommitThreshold;
+using tqredis::detail::FileLevel;
 
 int main(int argc, char **argv) {
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "state") == 0) {
       std::printf("name=[%s]\n", g_tqredis_proc_name);
       std::printf("dbglevel=%u\n", static_cast<unsigned>(g_tqredis_dbg_level));
-      std::printf("filelevel=%u\n", static_cast<unsigned>(g_tqredis_file_level));
-      std::printf("timestat=%u\n", static_cast<unsigned>(g_tqredis_timestat));
-      std::printf("thres=%u\n", static_cast<unsigned>(g_tqredis_cmd_commit_thres));
+      std::printf("filelevel=%u\n", static_cast<unsigned>(FileLevel()));
+      std::printf("timestat=%u\n", static_cast<unsigned>(tqredis::detail::g_tqredis_timestat.load()));
+      std::printf("thres=%u\n", static_cast<unsigned>(CommitThreshold()));
     } else if (std::strcmp(argv[i], "cfg") == 0 && i + 2 < argc) {
       tqredis_dbg_cfg(std::atoi(argv[i + 1]),
                       static_cast<uint32_t>(std::strtoul(argv[i + 2], nullptr, 0)));
