@@ -10,8 +10,8 @@
 #include "connect/table.h"
 #include "core/config.h"
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "reply/reply.h"
 #include "tqredis.h"
 
@@ -46,7 +46,8 @@ void tqredis_commit_command_all(void) {
   }
 }
 
-int tqredis_db_command_param_check(uint32_t db, uint32_t op, const char *format) {
+int tqredis_db_command_param_check(uint32_t db, uint32_t op,
+                                   const char *format) {
   if (db < TQREDIS_DB_NUM && op < TQREDIS_OP_NUM && format != nullptr) return 1;
   TQ_LOG(kLogError, "input arguments invalid, db=%d op=%d\r\n",
          static_cast<int>(db), static_cast<int>(op));
@@ -62,7 +63,8 @@ int tqredis_calc_dbop(uint32_t db, uint32_t op) {
 
 // REQUIRES: the global lock is held and slot [dbop][db] is connected.
 int tqredis_exec_command(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
-                         const char *format, va_list ap, redisReply **reply_out) {
+                         const char *format, va_list ap,
+                         redisReply **reply_out) {
   if (db >= TQREDIS_DB_NUM || dbop >= TQREDIS_OP_NUM || format == nullptr ||
       g_tqredis_connect_mng[dbop][db].context == nullptr) {
     TQ_LOG(kLogError, "input arguments invalid, db=%d op=%d\r\n",
@@ -71,7 +73,8 @@ int tqredis_exec_command(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
   }
   tqredis_conn_slot &slot = g_tqredis_connect_mng[dbop][db];
   if (op == TQREDIS_OP_READ) {
-    auto *reply = static_cast<redisReply *>(redisvCommand(slot.context, format, ap));
+    auto *reply =
+        static_cast<redisReply *>(redisvCommand(slot.context, format, ap));
     if (reply == nullptr) {
       TQ_LOG(kLogError, "%s[%s] read command fail\r\n", DbName(db),
              OpName(TQREDIS_OP_READ));
@@ -120,8 +123,8 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
         // Each attempt reads the arguments from the first one again.
         va_list attempt;
         va_copy(attempt, ap);
-        const int rc =
-            tqredis_exec_command(udb, uop, dbop, flag, format, attempt, &result);
+        const int rc = tqredis_exec_command(udb, uop, dbop, flag, format,
+                                            attempt, &result);
         va_end(attempt);
         if (rc != -1) break;
       }

@@ -7,8 +7,8 @@
 #include "connect/connect.h"
 #include "connect/table.h"
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "tqredis.h"
 
 using tqredis::detail::g_tqredis_cardinfo;

@@ -8,13 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "connect/connect.h"
 #include "connect/cardinfo.h"
+#include "connect/connect.h"
 #include "connect/reader.h"
 #include "connect/table.h"
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "core/state.h"
 #include "reply/reply.h"
 #include "tqredis.h"
@@ -66,15 +66,18 @@ redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
   }
   if (ctx == nullptr) {
     TQ_LOG(kLogError,
-           "connect %s %s[mode=%d path=%s] error: can't allocate redis context\r\n",
-           DbName(db), OpName(op), static_cast<int>(slot->mode), slot->unixpath);
+           "connect %s %s[mode=%d path=%s] error: can't allocate redis "
+           "context\r\n",
+           DbName(db), OpName(op), static_cast<int>(slot->mode),
+           slot->unixpath);
     return nullptr;
   }
   if (ctx->err) {
-    TQ_LOG(kLogError,
-           "connect %s %s[mode=%d path=%s hostname=%s hostport=%d] error: %s\r\n",
-           DbName(db), OpName(op), static_cast<int>(slot->mode), slot->unixpath,
-           slot->hostname, static_cast<int>(slot->hostport), ctx->errstr);
+    TQ_LOG(
+        kLogError,
+        "connect %s %s[mode=%d path=%s hostname=%s hostport=%d] error: %s\r\n",
+        DbName(db), OpName(op), static_cast<int>(slot->mode), slot->unixpath,
+        slot->hostname, static_cast<int>(slot->hostport), ctx->errstr);
     redisFree(ctx);
     return nullptr;
   }
@@ -95,7 +98,8 @@ int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
       TQ_LOG(kLogWarn, "%s %s ping fail\r\n", DbName(db), OpName(op));
       return -1;
     }
-    const bool pong = reply->str != nullptr && std::strcmp(reply->str, "PONG") == 0;
+    const bool pong =
+        reply->str != nullptr && std::strcmp(reply->str, "PONG") == 0;
     tqredis_free_reply(reply);
     if (pong) return 0;
     select_sleep(1, 0);
@@ -153,7 +157,8 @@ int tqredis_db_connect_nolock(void) {
       rv = tqredis_connect(db, TQREDIS_OP_PUBSUB);
       if (rv != 0) continue;
     }
-    if (tqredis_cardinfo_is_readed() && tqredis_get_write_connext_stats(db) == 1) {
+    if (tqredis_cardinfo_is_readed() &&
+        tqredis_get_write_connext_stats(db) == 1) {
       rv = tqredis_connect(db, TQREDIS_OP_WRITE);
     }
   }

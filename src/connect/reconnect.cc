@@ -5,8 +5,8 @@
 
 #include "connect/connect.h"
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
@@ -36,14 +36,16 @@ int tqredis_db_reconnect(uint32_t db, uint32_t op) {
   tqredis_reconnect_arg arg = {db, op};
   pthread_t thread;
   for (;;) {
-    const int rc = pthread_create(&thread, nullptr, tqredis_reconnect_thread, &arg);
+    const int rc =
+        pthread_create(&thread, nullptr, tqredis_reconnect_thread, &arg);
     if (rc == 0) break;
     TQ_LOG(kLogError, "%s[%s] reconnect thread create fail, errno=%s\r\n",
            DbName(db), OpName(op), std::strerror(rc));
     select_sleep(1, 0);
   }
   pthread_join(thread, nullptr);
-  return TQ_LOG(kLogLife, ">>>>%s[%s] reconnect finish\r\n", DbName(db), OpName(op));
+  return TQ_LOG(kLogLife, ">>>>%s[%s] reconnect finish\r\n", DbName(db),
+                OpName(op));
 }
 
 int tqredis_get_reconnect_db_op(void *arg, uint32_t *db, uint32_t *op) {
@@ -68,11 +70,13 @@ void *tqredis_reconnect_thread(void *arg) {
   uint32_t db = 0;
   uint32_t op = 0;
   if (tqredis_get_reconnect_db_op(arg, &db, &op) != 0) return nullptr;
-  TQ_LOG(kLogLife, ">>>>%s[%s] reconnect thread enter...\r\n", DbName(db), OpName(op));
+  TQ_LOG(kLogLife, ">>>>%s[%s] reconnect thread enter...\r\n", DbName(db),
+         OpName(op));
   for (;;) {
     for (int i = 0; i < kTriesPerReport; ++i) {
       if (tqredis_db_is_connected(db, op)) {
-        TQ_LOG(kLogLife, ">>>>%s %s reconnect thread quit\r\n", DbName(db), OpName(op));
+        TQ_LOG(kLogLife, ">>>>%s %s reconnect thread quit\r\n", DbName(db),
+               OpName(op));
         return nullptr;
       }
       // Whether and how a write slot connects depends on the master.

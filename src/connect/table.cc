@@ -51,8 +51,8 @@ tqredis_conn_slot *CheckedSlot(uint32_t db, uint32_t op, const char *func,
                                int line) {
   if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) {
     TQ_LOG_FROM(func, line, tqredis::detail::kLogError,
-                "input arguments invalid, op=%d db=%d\r\n", static_cast<int>(op),
-                static_cast<int>(db));
+                "input arguments invalid, op=%d db=%d\r\n",
+                static_cast<int>(op), static_cast<int>(db));
     return nullptr;
   }
   return &g_tqredis_connect_mng[op][db];

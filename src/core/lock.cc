@@ -41,8 +41,8 @@ void tqredis_lock_init(void) {
   rc |= pthread_mutexattr_destroy(&attr);
   if (rc != 0) {
     const int err = errno;  // printf may change errno
-    TQ_LOG(tqredis::detail::kLogError, ">>>>tqredis lock init fail, errno=%s\r\n",
-           std::strerror(err));
+    TQ_LOG(tqredis::detail::kLogError,
+           ">>>>tqredis lock init fail, errno=%s\r\n", std::strerror(err));
     // Without the lock nothing here is safe to run: end the process.
     std::exit(1);
   }

@@ -23,7 +23,8 @@ const char *const g_tqredis_opstr[3] = {"read", "write", "pubsub"};
 
 int tqredis_parse_proc_name(void) {
   char path[128] = {0};
-  std::snprintf(path, sizeof(path), "/proc/%d/comm", static_cast<int>(getpid()));
+  std::snprintf(path, sizeof(path), "/proc/%d/comm",
+                static_cast<int>(getpid()));
   FILE *fp = std::fopen(path, "r");
   if (fp == nullptr) {
     const int err = errno;  // printf may change errno

@@ -11,8 +11,8 @@
 #include <new>
 
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "core/result.h"
 #include "core/state.h"
 #include "tqredis.h"

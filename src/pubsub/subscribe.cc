@@ -2,8 +2,8 @@
 // database's pubsub connection, and the data checks after each (re)making.
 #include "connect/connect.h"
 #include "core/lock.h"
-#include "core/names.h"
 #include "core/log.h"
+#include "core/names.h"
 #include "core/result.h"
 #include "pubsub/pubsub.h"
 #include "pubsub/registry.h"

@@ -14,13 +14,13 @@
 #include "records/records.h"
 #include "tqredis.h"
 
+using tqredis::detail::g_tqredis_ham_snap;
 using tqredis::detail::g_tqredis_in_log;
 using tqredis::detail::g_tqredis_out_log;
 using tqredis::detail::g_tqredis_snap;
-using tqredis::detail::g_tqredis_ham_snap;
 using tqredis::detail::kBadArgs;
-using tqredis::detail::kFail;
 using tqredis::detail::KernelTid;
+using tqredis::detail::kFail;
 using tqredis::detail::kLogData;
 using tqredis::detail::kLogError;
 using tqredis::detail::kOk;
