@@ -335,8 +335,8 @@ TQREDIS_API void tqredis_lock_init(void);
 TQREDIS_API void tqredis_lock(void);
 TQREDIS_API void tqredis_unlock(void);
 
-/* Sleeps with select(); returns select's result. The library's only wait,
- * always called with (1, 0). */
+/* Sleeps with select(); returns select's result. The library's one-second
+ * step, always called with (1, 0); the pump waits in a select() of its own. */
 TQREDIS_API int select_sleep(int sec, int usec);
 
 /* ---- Debug levels, configuration and log files --------------------------- */
@@ -374,7 +374,7 @@ TQREDIS_API int tqredis_dbg_logfile(uint32_t level, const char *format, ...)
 /* Flag bits of tqredis_db_command(). */
 enum {
   TQREDIS_CMD_COMMIT = 1,      /* write out the pipeline now */
-  TQREDIS_CMD_NO_RECONNECT = 2 /* give up instead of reconnecting */
+  TQREDIS_CMD_NO_RECONNECT = 2 /* NULL instead of reconnecting a slot */
 };
 
 /* Runs one command (a hiredis format and its arguments) on database `db`.
@@ -385,9 +385,10 @@ enum {
  * reached, on TQREDIS_CMD_COMMIT, or on the pump's idle tick; returns NULL
  * whether or not it worked. The replies of pipelined writes are never read,
  * so a later read on the same connection receives the oldest unread reply.
- * Blocks while the card information is unknown or before tqredis_init()
- * (one-second steps) and while a connection is being re-established, unless
- * TQREDIS_CMD_NO_RECONNECT. A connection lost while it was live ends the
+ * Blocks before tqredis_init() and, on databases 0 and 1, until the card
+ * information is read (one-second steps, whatever the flags); then, while a
+ * slot that is not connected is connected, unless TQREDIS_CMD_NO_RECONNECT,
+ * which returns NULL instead. A connection lost while it was live ends the
  * process. NULL without blocking for db or op above 2 or a NULL format.
  * `ignored` has no effect (pass -1). Holds the global lock throughout.
  * The format is checked by the compiler as a printf format, so hiredis's
