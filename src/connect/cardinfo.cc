@@ -42,8 +42,8 @@ int tqredis_cardinfo_is_readed(void) {
 
 int tqredis_parse_cardinfo(void) {
   if (g_tqredis_cardinfo.master_node == kNode) return 0;  // nothing changed
-  // A new master: write connections to the old one must go. Dropping a live
-  // one ends the process, by design.
+  // A new master: write connections to the old one must go (a live one ends
+  // the process: see the README's kept behaviours).
   tqredis_disconnect(TQREDIS_OP_WRITE, TQREDIS_DB_DE_GLOBAL);
   tqredis_disconnect(TQREDIS_OP_WRITE, TQREDIS_DB_CE_GLOBAL);
   TQ_LOG(kLogLife, ">>>>master change, last_master=%#x master_node=%#x \r\n",

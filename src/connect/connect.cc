@@ -88,7 +88,7 @@ redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
 }
 
 // A server that answers but not yet with "PONG" (still loading, say) is
-// waited for as long as it takes, by design.
+// probed again every second until it does.
 int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
   if (ctx == nullptr) return -1;
   for (;;) {
@@ -182,7 +182,7 @@ void tqredis_disconnect(uint32_t op, uint32_t db) {
          OpName(op), slot.context->err, slot.context->errstr);
   redisFree(slot.context);
   slot.context = nullptr;
-  // A process never goes on over a lost connection: its state may be stale.
+  // The fatal path (a kept behaviour, listed in the README).
   tqredis_exit(db);
 }
 

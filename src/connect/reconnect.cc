@@ -1,4 +1,5 @@
-// The short-lived reconnection thread, started and joined by the command path.
+// The reconnection thread, started and joined by the command path; it tries
+// once a second until its slot is connected.
 #include <pthread.h>
 
 #include <cstring>
@@ -65,7 +66,7 @@ int tqredis_get_reconnect_db_op(void *arg, uint32_t *db, uint32_t *op) {
 }
 
 // Runs without the lock: the thread that starts it holds the lock and joins
-// it. Never gives up: it ends when its slot is connected.
+// it. It ends when its slot is connected.
 void *tqredis_reconnect_thread(void *arg) {
   uint32_t db = 0;
   uint32_t op = 0;

@@ -60,7 +60,7 @@ tqredis_conn_slot *CheckedSlot(uint32_t db, uint32_t op, const char *func,
 
 }  // namespace
 
-// Read without the lock by design: one aligned pointer.
+// Read without the lock: one aligned pointer.
 int tqredis_db_is_connected(uint32_t db, uint32_t op) {
   const tqredis_conn_slot *slot = CheckedSlot(db, op, __func__, __LINE__);
   return slot != nullptr && slot->context != nullptr ? 1 : 0;

@@ -1,5 +1,5 @@
 // The process-wide recursive lock, real only once the host enables it, and the
-// library's one sleep.
+// one-second sleep of the library's waits.
 #include "core/lock.h"
 
 #include <sys/select.h>
