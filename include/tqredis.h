@@ -131,8 +131,10 @@ typedef struct tqredis_pmsg {
   uint32_t reserved;  /* always 0 */
 } tqredis_pmsg;
 
-/* Notification hook; its result is ignored. It runs with the global lock
- * held (when enabled), so it may call back into the library. */
+/* Notification hook; its result is ignored. From tqredis_pubsub() it runs
+ * with the global lock held (when enabled); from a pattern walk, on the
+ * walk's thread, holding what that thread holds. Either way it may call back
+ * into the library. */
 typedef int (*tqredis_pmsg_hook_f)(tqredis_pmsg *pmsg, void *hook_arg);
 
 /* Data check, called with a database id after that database's
@@ -390,7 +392,8 @@ enum {
  * slot that is not connected is connected, unless TQREDIS_CMD_NO_RECONNECT,
  * which returns NULL instead. A connection lost while it was live ends the
  * process. NULL without blocking for db or op above 2 or a NULL format.
- * `ignored` has no effect (pass -1). Holds the global lock throughout.
+ * `ignored` has no effect (pass -1). Holds the global lock throughout,
+ * except for each one-second sleep of the wait for the card information.
  * The format is checked by the compiler as a printf format, so hiredis's
  * binary "%b" is not available through this call. */
 TQREDIS_API redisReply *tqredis_db_command(int db, int op, int ignored,
