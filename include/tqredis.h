@@ -358,6 +358,58 @@ TQREDIS_API int tqredis_dbg_init(void);
  * "set type[%d] value=%d" at level 4 and returns that write's result. */
 TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
 
+/* ---- Safety switches ------------------------------------------------------ */
+/* Per-process switches that turn a behaviour kept for compatibility into a
+ * safe one. Every switch is 0 (off) unless set; off, the library behaves as
+ * without it. Set at load by lines of "/data/tqredis/<proc>.dbg" (the key,
+ * such as "replies=", at the start of its line, the number in C notation,
+ * later lines win; a number that is missing or out of range is refused with
+ * a level-8 line) and at run time by tqredis_set_option().
+ *
+ *   replies=1     read and free the replies of pipelined writes: before a
+ *                 synchronous command on a connection, every outstanding
+ *                 reply is read, so the command receives its own; arrived
+ *                 replies are read without blocking at each flush and idle
+ *                 wait, and in a blocking read past 1024 outstanding. An
+ *                 error reply to a write is logged at level 8 and counted.
+ *   waitlimit=MS  0..86400000: waits that otherwise never end give up after
+ *                 MS milliseconds (0: never): the wait for tqredis_init()
+ *                 and the card information, the PING probe, the
+ *                 reconnection, a command's socket reads and writes. The
+ *                 call then fails (NULL) after a level-8 line saying what it
+ *                 waited for. TQREDIS_CMD_NO_RECONNECT then also returns at
+ *                 once from the wait for the card information.
+ *   exitstatus=N  0..255: the fatal path exits with N, after a level-8 line
+ *                 naming the database and connection and a best-effort write
+ *                 of the statistics.
+ *   keepcopies=N  0..1000: the fatal path's copy of the limited log is named
+ *                 "<proc>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" in
+ *                 "/var/tmp/coredump/", keeping at most N of this process
+ *                 name (the oldest removed).
+ *   recordall=1   every command through tqredis_db_command() is recorded in
+ *                 the outbound ring (its command word's key command id, 27
+ *                 when none; its first argument as the key).
+ *   hookwarn=MS   0..86400000: a hook that runs longer than MS milliseconds
+ *                 is reported at level 8 (database, pattern, key, time).
+ *   safe=1        every switch above that no line or call set takes its safe
+ *                 value: replies=1 waitlimit=5000 exitstatus=75 keepcopies=8
+ *                 recordall=1 hookwarn=100.
+ *
+ * The socket folder: the environment variable TQREDIS_SOCKET_DIR, read at
+ * load, names the folder of the three database sockets instead of
+ * "/tmp/redis" (unset or empty: "/tmp/redis"). */
+
+/* Sets the switch `name` (the key without '=', e.g. "waitlimit") to `value`
+ * and logs it at level 4. Returns 0, or -1 after a level-8 line for an
+ * unknown name (NULL included) or a value out of the switch's range. Takes
+ * no global lock; safe from any thread. */
+TQREDIS_API int tqredis_set_option(const char *name, long value);
+
+/* The value in force of the switch `name`: what a line or a call set, else
+ * its safe value when safe=1, else 0. -1 after a level-8 line for an
+ * unknown name (no switch has a negative value). */
+TQREDIS_API long tqredis_get_option(const char *name);
+
 /* The log file a message of `level` goes to: NULL unless the file mask has
  * `level`; the limited file for exactly 2, 4 or 8; the unlimited file for
  * exactly 1 or 16; NULL for any other value or a file that did not open.

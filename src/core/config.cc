@@ -3,10 +3,12 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
 #include "core/log.h"
+#include "core/options.h"
 #include "tqredis.h"
 
 uint32_t g_tqredis_dbg_level = 0;
@@ -58,6 +60,35 @@ uint32_t ReadNumber(const char *text) {
   return negative ? 0u - value : value;
 }
 
+// A switch's line: "<name>=" found in `line`, its number read at the key's
+// length from the line's start, as for the other keys. A number that is
+// missing or out of the switch's range is refused with a level-8 line and
+// changes nothing. Returns true when the line named a switch.
+bool ReadOptionLine(const char *line) {
+  for (int i = 0; i < kOptionCount; ++i) {
+    char key[32];
+    const std::string_view name = kOptionNames[i];
+    std::snprintf(key, sizeof(key), "%.*s=", static_cast<int>(name.size()),
+                  name.data());
+    if (std::strstr(line, key) == nullptr) continue;
+    const char *text = line + std::strlen(key);
+    while (std::isspace(static_cast<unsigned char>(*text))) ++text;
+    const char *digits = *text == '-' || *text == '+' ? text + 1 : text;
+    bool valid = std::isdigit(static_cast<unsigned char>(*digits)) != 0;
+    if (valid) {
+      errno = 0;
+      const long long value = std::strtoll(text, nullptr, 0);
+      valid = errno != ERANGE && value >= LONG_MIN && value <= LONG_MAX &&
+              SetOption(static_cast<Option>(i), static_cast<long>(value));
+    }
+    if (!valid) {
+      TQ_LOG(kLogError, "config option[%s] value invalid, ignored\r\n", key);
+    }
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 void ReadConfigStream(FILE *fp) {
@@ -66,13 +97,16 @@ void ReadConfigStream(FILE *fp) {
   // A NUL byte ends the line's text for the key search and the number; a
   // directory opened in place of the file fails the first read.
   while (std::fgets(line, 255, fp) != nullptr) {
+    bool known = false;
     for (const ConfigKey &entry : kConfigKeys) {
       if (std::strstr(line, entry.key) == nullptr) continue;
       // The key lies within the text before the first NUL, so that text is
       // at least as long as the key: the number's index stays inside it.
       entry.set(ReadNumber(line + std::strlen(entry.key)));
+      known = true;
       break;
     }
+    if (!known) ReadOptionLine(line);
   }
 }
 

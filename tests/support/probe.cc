@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "core/config.h"
 #include "tqredis.h"
@@ -19,6 +20,10 @@ int main(int argc, char **argv) {
       std::printf("filelevel=%u\n", static_cast<unsigned>(FileLevel()));
       std::printf("timestat=%u\n", static_cast<unsigned>(tqredis::detail::g_tqredis_timestat.load()));
       std::printf("thres=%u\n", static_cast<unsigned>(CommitThreshold()));
+    } else if (std::strcmp(argv[i], "options") == 0) {
+      for (const char *name : {"replies", "waitlimit", "exitstatus",
+                               "keepcopies", "recordall", "hookwarn", "safe"})
+        std::printf("%s=%ld\n", name, tqredis_get_option(name));
     } else if (std::strcmp(argv[i], "cfg") == 0 && i + 2 < argc) {
       tqredis_dbg_cfg(std::atoi(argv[i + 1]),
                       static_cast<uint32_t>(std::strtoul(argv[i + 2], nullptr, 0)));
