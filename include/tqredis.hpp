@@ -4,10 +4,11 @@
  * - Header only: everything here is inline over the calls of tqredis.h, so
  *   the library exports nothing more for C++ hosts and a host links it as a
  *   C host does.
- * - Nothing here throws, and nothing needs exceptions or RTTI: it compiles
- *   with -fno-exceptions -fno-rtti. Only the subscription table allocates
- *   (with new and std::vector); without exceptions, running out of memory
- *   there ends the process, as it would anywhere else in such a host.
+ * - Nothing here throws of its own or needs RTTI: it compiles with
+ *   -fno-exceptions -fno-rtti. Only the subscription table allocates (new,
+ *   std::vector): in a host built without exceptions, running out of memory
+ *   there ends the process, as it would anywhere else in such a host; with
+ *   exceptions, std::bad_alloc leaves the table as it was.
  * - Results keep the library's codes: 0, or -1 (failure), -2 (bad
  *   arguments), -3 (no memory), -4 (reply of the wrong type), -5 (hash field
  *   not found). The reason is logged by the library, as for the C calls.
@@ -41,8 +42,7 @@
 
 namespace tqredis {
 
-/* ---- Result codes ---------------------------------------------------------
- */
+/* ---- Result codes ------------------------------------------------------- */
 
 /* The library's result codes, as its C calls return them. */
 enum : int {
@@ -82,16 +82,16 @@ class [[nodiscard]] Result {
   int code_;
 };
 
-/* ---- Replies --------------------------------------------------------------
- */
+/* ---- Replies ------------------------------------------------------------ */
 
 namespace detail {
 
 /* The typed getters, written once for the owning Reply and the borrowed
  * ReplyView: `Self` supplies get(). Each is the C getter of its name and
- * returns its code; none frees or keeps the reply. Integers are strtol()'s
- * (base 0 lets the text choose; a negative base gives -2); texts point into
- * the reply and carry its length, embedded NULs included. */
+ * returns its code; none frees or keeps the reply. Text read as an integer
+ * goes through strtol() (base 0 lets the text choose; a negative base gives
+ * -2); texts point into the reply and carry its length, embedded NULs
+ * included. */
 template <typename Self>
 class ReplyGetters {
  public:
@@ -267,8 +267,7 @@ class Reply : public detail::ReplyGetters<Reply> {
   redisReply *reply_ = nullptr;
 };
 
-/* ---- Commands -------------------------------------------------------------
- */
+/* ---- Commands ----------------------------------------------------------- */
 
 namespace detail {
 
@@ -324,7 +323,7 @@ Reply Command(int db, int op, uint32_t flag, const char *format,
 #define TQREDIS_COMMAND(db, op, flag, ...) \
   (::tqredis::Reply(tqredis_db_command((db), (op), -1, (flag), __VA_ARGS__)))
 
-/* ---- Notifications and the subscription table ---------------------------- */
+/* ---- Notifications and the subscription table --------------------------- */
 
 /* One notification, or one key replayed by ReplayKeys(), as a callable
  * receives it: a view of the library's record, valid during the call only
@@ -477,7 +476,9 @@ class Subscriptions {
   }
 
   /* The entries, in the order added: pubsub_mng as tqredis_init() reads
-   * them, hook_arg pointing to the callable. */
+   * them, hook_arg pointing to the callable. For inspection: a table handed
+   * to the library other than by Init() or Register() still destroys its
+   * callables with itself, under the library's feet. */
   const pubsub_mng *table() const noexcept { return table_.data(); }
   int size() const noexcept { return static_cast<int>(table_.size()); }
   /* True once Init() or Register() was called. */
@@ -541,8 +542,7 @@ int ReplayKeys(uint32_t db, const char *pattern, int count, int kind, F &&fn) {
   return tqredis_scan_key_pattern(db, pattern, count, hook, arg, kind);
 }
 
-/* ---- Global lock ----------------------------------------------------------
- */
+/* ---- Global lock -------------------------------------------------------- */
 
 /* Holds the library's global lock for one scope: tqredis_lock() when made,
  * tqredis_unlock() when destroyed. Recursive, as the lock is: calls into the
@@ -562,8 +562,7 @@ class LockGuard {
   LockGuard &operator=(LockGuard &&) = delete;
 };
 
-/* ---- Runtime options ------------------------------------------------------
- */
+/* ---- Runtime options ---------------------------------------------------- */
 /* Reserved for the typed setters over tqredis_set_option(), one per option,
  * to be added here together with that C call. */
 
