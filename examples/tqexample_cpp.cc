@@ -1,65 +1,57 @@
-// tqexample_cpp: the same kind of device process from C++, kept small. It
-// watches one family of keys in redis_host, replays what exists, and prints
-// the changes a second thread makes.
+// tqexample_cpp: the same kind of device process from C++, kept small, on
+// tqredis.hpp. It watches one family of keys in redis_host, replays what
+// exists, and prints the changes a second thread makes. Built without
+// exceptions or RTTI, as device processes often are.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <thread>
 
-#include "tqredis.h"
+#include "tqredis.hpp"
 
 namespace {
 
-// A reply the process owns, freed once whatever it holds.
-struct ReplyFree {
-  void operator()(redisReply *reply) const { tqredis_free_reply(reply); }
-};
-using Reply = std::unique_ptr<redisReply, ReplyFree>;
-
 std::atomic<int> g_seen{0};
 
-// Hooks are plain C function pointers and must not throw: nothing may cross
-// the library's C interface as an exception.
-int OnSensor(tqredis_pmsg *pmsg, void *arg) noexcept {
-  char *text = nullptr;
-  int len = 0;
-  const std::string value =
-      tqredis_get_key_reply_strval(pmsg->value, &text, &len) == 0
-          ? std::string(text, static_cast<size_t>(len))
-          : std::string("(gone)");
-  std::printf("  %s %-7s %-20s %s\n", static_cast<const char *>(arg),
-              g_tqredis_keycmd_str[pmsg->cmd], pmsg->key, value.c_str());
+// One line per notification. Runs inside the library's hook, with the
+// global lock held: it reads only what the notification carries.
+void Print(const char *what, const tqredis::Notification &n) {
+  const tqredis::Result<std::string_view> text = n.value().Str();
+  const std::string value = text ? std::string(text.value()) : "(gone)";
+  std::printf("  %s %-7s %-20s %s\n", what, n.cmd_name(), n.key().data(),
+              value.c_str());
   std::fflush(stdout);
   ++g_seen;
-  return 0;
 }
 
-char g_live[] = "change";
-char g_replayed[] = "replay";
-
-int DataCheck(uint32_t db) noexcept {
+// The data check has no argument of its own: a plain function. The replay's
+// callable lives for the call only, so it could capture anything.
+int DataCheck(uint32_t db) {
   if (db == TQREDIS_DB_HOST) {
-    tqredis_scan_key_pattern(db, "example:sensor:*", 32, OnSensor, g_replayed,
-                             TQREDIS_SCAN_STRING);
+    tqredis::ReplayKeys(
+        db, "example:sensor:*", 32, TQREDIS_SCAN_STRING,
+        [](const tqredis::Notification &n) { Print("replay", n); });
   }
   return 0;
 }
 
-// A command on redis_host whose reply the caller owns. Writes go on the read
-// path: their replies are then read, and never left in front of a later read.
-Reply Set(const char *key, const char *value) {
-  return Reply(tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0,
-                                  "SET %s %s", key, value));
+// Writes on redis_host go on the read path: their replies are then read,
+// and never left in front of a later read. The Reply frees each one.
+void Set(const char *key, const char *value) {
+  TQREDIS_COMMAND(TQREDIS_DB_HOST, TQREDIS_OP_READ, 0, "SET %s %s", key, value);
 }
 
 }  // namespace
 
 int main() {
-  pubsub_mng table[] = {
-      {TQREDIS_DB_HOST, "example:sensor:*", OnSensor, g_live}};
-  tqredis_init(table, 1, DataCheck, 2);  // two threads: lock on
+  {
+    // The table may go once registered: the library keeps its callables.
+    tqredis::Subscriptions table;
+    table.Add(TQREDIS_DB_HOST, "example:sensor:*",
+              [](const tqredis::Notification &n) { Print("change", n); });
+    table.Init(DataCheck, 2);  // two threads: lock on
+  }
 
   Set("example:sensor:temp", "41");
   std::printf("%s: replay, then live changes\n", g_tqredis_proc_name);
@@ -72,8 +64,8 @@ int main() {
       Set("example:sensor:temp", reading);
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-    Reply(tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0,
-                             "DEL example:sensor:temp"));
+    TQREDIS_COMMAND(TQREDIS_DB_HOST, TQREDIS_OP_READ, 0,
+                    "DEL example:sensor:temp");
     done = true;
   });
 
@@ -86,11 +78,10 @@ int main() {
   }
   writer.join();
 
-  Reply value(tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0,
-                                 "EXISTS example:sensor:temp"));
-  int exists = -1;
-  tqredis_get_key_reply_intval(value.get(), &exists, 10);
+  const tqredis::Reply exists = TQREDIS_COMMAND(
+      TQREDIS_DB_HOST, TQREDIS_OP_READ, 0, "EXISTS example:sensor:temp");
+  const int count = exists.Int().value_or(-1);
   std::printf("%d notifications; the sensor key exists: %d\n", g_seen.load(),
-              exists);
-  return g_seen == 5 && exists == 0 ? 0 : 1;
+              count);
+  return g_seen == 5 && count == 0 ? 0 : 1;
 }
