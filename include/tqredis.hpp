@@ -27,6 +27,7 @@
 #error "tqredis.hpp needs C++17"
 #endif
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -563,8 +564,54 @@ class LockGuard {
 };
 
 /* ---- Runtime options ---------------------------------------------------- */
-/* Reserved for the typed setters over tqredis_set_option(), one per option,
- * to be added here together with that C call. */
+/* Typed setters over tqredis_set_option(), one per switch (the header
+ * tqredis.h documents each). Each returns 0, or -1 after the library's
+ * level-8 line when the value is out of the switch's range; none takes the
+ * global lock. The getters return the value in force (a line's or a call's,
+ * else the safe value when safe is on, else 0). */
+namespace options {
+
+inline int SetReplies(bool on) noexcept {
+  return tqredis_set_option("replies", on ? 1 : 0);
+}
+inline int SetWaitLimit(std::chrono::milliseconds limit) noexcept {
+  return tqredis_set_option("waitlimit", static_cast<long>(limit.count()));
+}
+inline int SetExitStatus(int status) noexcept {
+  return tqredis_set_option("exitstatus", status);
+}
+inline int SetKeepCopies(int copies) noexcept {
+  return tqredis_set_option("keepcopies", copies);
+}
+inline int SetRecordAll(bool on) noexcept {
+  return tqredis_set_option("recordall", on ? 1 : 0);
+}
+inline int SetHookWarn(std::chrono::milliseconds limit) noexcept {
+  return tqredis_set_option("hookwarn", static_cast<long>(limit.count()));
+}
+inline int SetSafe(bool on) noexcept {
+  return tqredis_set_option("safe", on ? 1 : 0);
+}
+
+inline bool Replies() noexcept { return tqredis_get_option("replies") != 0; }
+inline std::chrono::milliseconds WaitLimit() noexcept {
+  return std::chrono::milliseconds(tqredis_get_option("waitlimit"));
+}
+inline int ExitStatus() noexcept {
+  return static_cast<int>(tqredis_get_option("exitstatus"));
+}
+inline int KeepCopies() noexcept {
+  return static_cast<int>(tqredis_get_option("keepcopies"));
+}
+inline bool RecordAll() noexcept {
+  return tqredis_get_option("recordall") != 0;
+}
+inline std::chrono::milliseconds HookWarn() noexcept {
+  return std::chrono::milliseconds(tqredis_get_option("hookwarn"));
+}
+inline bool Safe() noexcept { return tqredis_get_option("safe") != 0; }
+
+}  // namespace options
 
 }  // namespace tqredis
 

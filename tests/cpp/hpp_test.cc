@@ -839,3 +839,31 @@ TEST(CppLockGuard, GuardMadeBeforeTheLockWasEnabledReleasesNothing) {
   EXPECT_FALSE(OtherThreadGetsTheLock(1));
   tqredis_unlock();
 }
+
+TEST(CppOptions, TypedSettersSetTheSwitchesTheCCallsRead) {
+  using namespace std::chrono_literals;
+  EXPECT_EQ(tqredis::options::SetWaitLimit(1500ms), 0);
+  EXPECT_EQ(tqredis_get_option("waitlimit"), 1500);
+  EXPECT_EQ(tqredis::options::WaitLimit(), 1500ms);
+  EXPECT_EQ(tqredis::options::SetReplies(true), 0);
+  EXPECT_TRUE(tqredis::options::Replies());
+  EXPECT_EQ(tqredis::options::SetHookWarn(300ms), 0);
+  EXPECT_EQ(tqredis_get_option("hookwarn"), 300);
+  EXPECT_EQ(tqredis::options::SetExitStatus(3), 0);
+  EXPECT_EQ(tqredis::options::ExitStatus(), 3);
+  EXPECT_EQ(tqredis::options::SetKeepCopies(2), 0);
+  EXPECT_EQ(tqredis::options::KeepCopies(), 2);
+  EXPECT_FALSE(tqredis::options::RecordAll());
+  EXPECT_FALSE(tqredis::options::Safe());
+  EXPECT_EQ(tqredis::options::SetSafe(true), 0);
+  EXPECT_TRUE(tqredis::options::RecordAll());  // not set itself: safe value
+  EXPECT_EQ(tqredis::options::ExitStatus(), 3);  // set itself: kept
+}
+
+TEST(CppOptions, OutOfRangeValuesAreRefusedWithTheCCode) {
+  using namespace std::chrono_literals;
+  EXPECT_EQ(tqredis::options::SetExitStatus(256), -1);
+  EXPECT_EQ(tqredis::options::SetWaitLimit(-1ms), -1);
+  EXPECT_EQ(tqredis::options::ExitStatus(), 0);
+  EXPECT_EQ(tqredis::options::WaitLimit(), 0ms);
+}
