@@ -38,6 +38,10 @@ pkgconfig)
   export PKG_CONFIG_PATH
   flags=$(pkg-config --cflags --libs tqredis)
   echo "pkg-config: $flags"
+  # hiredis's -D_FILE_OFFSET_BITS=64 would change the host's own off_t.
+  case $flags in
+  *_FILE_OFFSET_BITS*) echo "the flags change the host's off_t"; exit 1 ;;
+  esac
   # shellcheck disable=SC2086
   "$cc" $cflags -o "$work/tqhost" "$here/host/host.c" $flags -ldl
   LD_LIBRARY_PATH=$libdir "$work/tqhost" >"$work/out"

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "topology.h"
 
@@ -29,6 +30,13 @@ int Start(const RunOptions &options);
 int Stop(const std::string &dir);
 // 0 and its pid on stdout when the emulator of `dir` runs; 3 otherwise.
 int Status(const std::string &dir);
+// Serves in a child while `command` (a program looked up in PATH, then its
+// arguments) runs, then stops the child. Returns the command's exit status,
+// 128 + N when signal N ended it, 127 when it was not found, 126 when it
+// could not be run, and 125, without running it, when the emulator did not
+// start.
+int RunCommand(const RunOptions &options,
+               const std::vector<const char *> &command);
 
 }  // namespace devdb
 

@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kUsage[] =
     "usage: tqredis-devdb run|start [options]\n"
+    "       tqredis-devdb run [options] -- COMMAND [ARG...]\n"
     "       tqredis-devdb stop|status [--dir DIR]\n"
     "       tqredis-devdb ctl [--dir DIR] COMMAND [ARG...]\n"
     "options:\n"
@@ -29,8 +30,11 @@ constexpr char kUsage[] =
     "  --redis-server PROG  the server program (default redis-server)\n"
     "  --max-request BYTES  largest request a client may send (default 64 "
     "MiB)\n"
-    "  --log FILE           where start sends the emulator's messages\n"
+    "  --log FILE           where start and run -- send the emulator's "
+    "messages\n"
     "  --ready-fd FD        run writes \"ok\" there once it serves\n"
+    "run -- COMMAND: serves while COMMAND runs, then stops; exits with its\n"
+    "  status (125: the emulator did not start; 126, 127: COMMAND did not)\n"
     "control commands (DB: a name, 0..2, or all):\n"
     "  ping | faults\n"
     "  ping-error DB [TEXT]       answer PING with the error TEXT\n"
@@ -94,9 +98,17 @@ int main(int argc, char **argv) {
   const std::string_view verb = argv[1];
   devdb::RunOptions options;
   std::vector<const char *> rest;
+  std::vector<const char *> command;
+  bool has_command = false;
   for (int i = 2; i < argc; ++i) {
     const std::string_view arg = argv[i];
     const bool has_value = i + 1 < argc;
+    // Everything after "--" is the command run serves for, taken as it is.
+    if (verb == "run" && arg == "--" && rest.empty()) {
+      has_command = true;
+      command.assign(argv + i + 1, argv + argc);
+      break;
+    }
     // Options come before the control command's own words.
     if (!rest.empty() || arg.substr(0, 2) != "--") {
       rest.push_back(argv[i]);
@@ -132,6 +144,9 @@ int main(int argc, char **argv) {
   }
   if (verb == "ctl") return Ctl(options.dir, rest);
   if (!rest.empty()) return Usage();
+  if (has_command) {
+    return command.empty() ? Usage() : devdb::RunCommand(options, command);
+  }
   if (verb == "run") return devdb::Serve(options);
   if (verb == "start") return devdb::Start(options);
   if (verb == "stop") return devdb::Stop(options.dir);
