@@ -75,7 +75,8 @@ esac
 [ "$(cd "$(pkg-config --variable=libdir tqredis)" && pwd -P)" = "$libdir" ] ||
   fail "libdir $(pkg-config --variable=libdir tqredis)"
 # The C host finds the library through LD_LIBRARY_PATH, the C++ one through
-# its run path: the two ways the README gives.
+# its run path: the two ways the README gives. The C++ one is written on the
+# installed C++ header.
 # shellcheck disable=SC2086
 "$cc" -std=c99 -Wall -Wextra -Werror -o "$work/debhost_c" \
   "$here/host/deb_host.c" $flags -ldl
