@@ -36,7 +36,6 @@ using tqredis::detail::g_tqredis_ham_snap;
 using tqredis::detail::g_tqredis_in_log;
 using tqredis::detail::g_tqredis_out_log;
 using tqredis::detail::g_tqredis_snap;
-using tqredis::detail::kBadArgs;
 using tqredis::detail::kFail;
 using tqredis::detail::kOk;
 using tqredis::detail::kRingSize;
