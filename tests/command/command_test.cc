@@ -20,11 +20,12 @@ using tqtest::SlotDump;
 
 namespace {
 
-
 unsigned Pending(const char *op, const char *db) {
   const std::string slot = SlotDump(op, db);
   const auto at = slot.find("\tappend_cmd_num=");
-  return at == std::string::npos ? 9999u : static_cast<unsigned>(std::stoul(slot.substr(at + 16)));
+  return at == std::string::npos
+             ? 9999u
+             : static_cast<unsigned>(std::stoul(slot.substr(at + 16)));
 }
 
 long long DbSize(int db) {
@@ -105,7 +106,8 @@ TEST_F(Command, ThirtyOneWritesWaitAndTheThirtySecondWritesAll) {
     EXPECT_EQ(tqredis_db_command(0, 1, -1, 0, "SET k%d %d", i, i), nullptr);
   }
   EXPECT_EQ(Pending("read", "redis_de_global"), 31u);
-  EXPECT_EQ(DbSize(0), 0) << "nothing may reach the server before the threshold";
+  EXPECT_EQ(DbSize(0), 0)
+      << "nothing may reach the server before the threshold";
   tqredis_db_command(0, 1, -1, 0, "SET k31 31");
   EXPECT_EQ(Pending("read", "redis_de_global"), 0u);
   EXPECT_EQ(DbSizeReaching(0, 32), 32);
@@ -156,7 +158,8 @@ TEST_F(Command, WritesOnTheMasterCardTravelOnTheReadSlot) {
 }
 
 TEST_F(Command, PubsubCommandIsAppendedOnThePubsubSlot) {
-  tqredis_db_command(1, 2, -1, TQREDIS_CMD_COMMIT, "PSUBSCRIBE %s", "__keyspace@0__:x*");
+  tqredis_db_command(1, 2, -1, TQREDIS_CMD_COMMIT, "PSUBSCRIBE %s",
+                     "__keyspace@0__:x*");
   EXPECT_EQ(Pending("pubsub", "redis_ce_global"), 0u);
   auto c = tqtest::Direct(1);
   long long patterns = -1;
@@ -204,14 +207,12 @@ TEST_F(Command, ThreadsShareTheConnectionsSafelyWithTheLockOn) {
 namespace {
 
 // Servers as a test chooses; nothing connected, tqredis_init() not called.
-class CommandWait : public ::testing::Test {
- protected:
-  tqtest::DeviceServers servers_;
-};
+class CommandWait : public tqtest::LateHostServer {};
 
 }  // namespace
 
-TEST_F(CommandWait, NoReconnectFlagOnAnUnconnectedSlotGivesUpAfterOneDisconnect) {
+TEST_F(CommandWait,
+       NoReconnectFlagOnAnUnconnectedSlotGivesUpAfterOneDisconnect) {
   ASSERT_TRUE(servers_.Start(0));
   ASSERT_TRUE(servers_.Start(2));
   tqredis_init(nullptr, 0, nullptr, 0);
@@ -219,10 +220,13 @@ TEST_F(CommandWait, NoReconnectFlagOnAnUnconnectedSlotGivesUpAfterOneDisconnect)
   tqredis_get_cardinfo();
   ASSERT_EQ(tqredis_db_is_connected(1, 0), 0);
   redisReply *reply = reinterpret_cast<redisReply *>(1);
-  EXPECT_EQ(Logged(0xff, [&] {
-              reply = tqredis_db_command(1, 0, -1, TQREDIS_CMD_NO_RECONNECT, "PING");
-            }),
-            "<tqredis_db_try_reconnect>:>>>>redis_ce_global[read flag=2] try to reconnect\r\n");
+  EXPECT_EQ(Logged(0xff,
+                   [&] {
+                     reply = tqredis_db_command(
+                         1, 0, -1, TQREDIS_CMD_NO_RECONNECT, "PING");
+                   }),
+            "<tqredis_db_try_reconnect>:>>>>redis_ce_global[read flag=2] try "
+            "to reconnect\r\n");
   EXPECT_EQ(reply, nullptr);
 }
 
@@ -242,30 +246,30 @@ TEST_F(CommandWait, CallBeforeInitBlocksUntilInitIsDone) {
   EXPECT_STREQ(reply->str, "PONG");
   tqredis_free_reply(reply);
   const std::string log = tqtest::ReadFile(tqtest::LogPath("limitlog"));
-  EXPECT_NE(log.find(">:redis_host operate before mom init[0] or context init, \r\n"),
-            std::string::npos);
+  EXPECT_NE(
+      log.find(">:redis_host operate before mom init[0] or context init, \r\n"),
+      std::string::npos);
 }
 
 TEST_F(CommandWait, ServerAbsentAtFirstCommandIsWaitedForUntilItComes) {
-  ASSERT_TRUE(servers_.Start(0));
-  ASSERT_TRUE(servers_.Start(1));
-  tqredis_init(nullptr, 0, nullptr, 2);
-  std::thread starter([this] {
-    std::this_thread::sleep_for(3s);
-    servers_.Start(2);
-  });
-  redisReply *reply = tqredis_db_command(2, 0, -1, 0, "PING");
-  starter.join();
-  ASSERT_NE(reply, nullptr);
-  EXPECT_STREQ(reply->str, "PONG");
-  tqredis_free_reply(reply);
-  const std::string log = tqtest::Messages(tqtest::ReadFile(tqtest::LogPath("limitlog")));
-  EXPECT_NE(log.find("<tqredis_db_try_reconnect>:>>>>redis_host[read flag=0] try to reconnect\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host[read] reconnect thread enter...\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host read reconnect thread quit\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_host[read] reconnect finish\r\n"),
-            std::string::npos) << log;
+  ASSERT_NO_FATAL_FAILURE(PingTheHostServerStartedAfter(3s, 2));
+  const std::string log =
+      tqtest::Messages(tqtest::ReadFile(tqtest::LogPath("limitlog")));
+  EXPECT_NE(log.find("<tqredis_db_try_reconnect>:>>>>redis_host[read flag=0] "
+                     "try to reconnect\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host[read] "
+                     "reconnect thread enter...\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host read reconnect "
+                     "thread quit\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(
+      log.find(
+          "<tqredis_db_reconnect>:>>>>redis_host[read] reconnect finish\r\n"),
+      std::string::npos)
+      << log;
 }

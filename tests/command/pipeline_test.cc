@@ -6,23 +6,21 @@
 #include <gtest/gtest.h>
 
 #include "connect/cardinfo.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
 namespace {
 
-class NotMaster : public ::testing::Test {
+class NotMaster : public tqtest::ConnectedDevice {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    tqredis_init(nullptr, 0, nullptr, 2);
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
+    ConnectedDevice::SetUp();
+    if (HasFatalFailure()) return;
     // This card becomes node 1 while the master stays node 0.
     g_tqredis_cardinfo.my_node = 1;
   }
-  tqtest::DeviceServers servers_;
 };
 
 }  // namespace
@@ -41,15 +39,20 @@ TEST_F(NotMaster, WriteConnectsTheWriteSlotRereadingTheCardInformation) {
   });
   EXPECT_EQ(tqredis_db_is_connected(0, 1), 1);
   const std::string expected =
-      "<tqredis_db_try_reconnect>:>>>>redis_de_global[write flag=1] try to reconnect\r\n"
-      "<tqredis_reconnect_thread>:>>>>redis_de_global[write] reconnect thread enter...\r\n"
-      "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0x1 master_node=0\r\n";
+      "<tqredis_db_try_reconnect>:>>>>redis_de_global[write flag=1] try to "
+      "reconnect\r\n"
+      "<tqredis_reconnect_thread>:>>>>redis_de_global[write] reconnect thread "
+      "enter...\r\n"
+      "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0x1 "
+      "master_node=0\r\n";
   EXPECT_EQ(log.compare(0, expected.size(), expected), 0) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_de_global write reconnect "
-                     "thread quit\r\n"),
-            std::string::npos)
+  EXPECT_NE(
+      log.find("<tqredis_reconnect_thread>:>>>>redis_de_global write reconnect "
+               "thread quit\r\n"),
+      std::string::npos)
       << log;
-  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_de_global[write] reconnect finish\r\n"),
+  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_de_global[write] "
+                     "reconnect finish\r\n"),
             std::string::npos)
       << log;
 }

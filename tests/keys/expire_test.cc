@@ -8,9 +8,8 @@
 
 #include "connect/cardinfo.h"
 #include "support/fixtures.h"
-#include "support/reply_peer.h"
-#include "support/server_side.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
@@ -197,35 +196,29 @@ TEST_F(Expire, ExpireKeyDelWithANullKeyFailsSendingNothing) {
 
 // A database answering from a script, for a PTTL of exactly 0, which a
 // server gives only within the last millisecond of a key's life.
-class ExpirePeer : public ::testing::Test {
+class ExpirePeer : public tqtest::ScriptedDatabase {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(peer_.listening());
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-    tqredis_init(nullptr, 0, nullptr, 2);
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
+    ScriptedDatabase::SetUp();
+    if (HasFatalFailure()) return;
+    Serve({{"PTTL zero", {":0\r\n"}},
+           {"PTTL none", {":-1\r\n"}},
+           {"DEL ", {":1\r\n"}}});
   }
-  tqtest::ReplyPeer peer_{tqtest::kSocketPaths[0],
-                          {{"PTTL zero", {":0\r\n"}},
-                           {"PTTL none", {":-1\r\n"}},
-                           {"DEL ", {":1\r\n"}}}};
-  tqtest::DeviceServers servers_;
 };
 
 TEST_F(ExpirePeer, ExpireKeyDelDeletesAKeyWhosePttlIsZero) {
   EXPECT_EQ(tqredis_expire_key_del(0, "zero", nullptr), 0);
   tqredis_commit_command_all();
-  EXPECT_EQ(peer_.Commands("PTTL"), std::vector<std::string>{"PTTL zero"});
-  EXPECT_EQ(peer_.Commands("DEL"), std::vector<std::string>{"DEL zero"});
+  EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL zero"});
+  EXPECT_EQ(peer_->Commands("DEL"), std::vector<std::string>{"DEL zero"});
 }
 
 TEST_F(ExpirePeer, ExpireKeyDelSendsNoDeleteForPttlMinusOne) {
   EXPECT_EQ(tqredis_expire_key_del(0, "none", nullptr), 0);
   tqredis_commit_command_all();
-  EXPECT_EQ(peer_.Commands("PTTL"), std::vector<std::string>{"PTTL none"});
-  EXPECT_TRUE(peer_.Commands("DEL").empty());
+  EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL none"});
+  EXPECT_TRUE(peer_->Commands("DEL").empty());
 }
 
 // A card that is not the master writes the first two databases through

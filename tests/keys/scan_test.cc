@@ -2,23 +2,21 @@
 // over many small SCAN calls, the replay of existing keys by kind, the
 // "scan" record per SCAN call, long keys, refused arguments and replies.
 #include <algorithm>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/reply_peer.h"
-#include "support/server_side.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
 using tqtest::CommandCalls;
 using tqtest::Logged;
 using tqtest::ParseReply;
-using tqtest::ReplyPeer;
 using tqtest::RunOn;
 using tqtest::WithoutTimes;
 
@@ -117,21 +115,23 @@ std::set<std::string> Names(const std::string &prefix, int n) {
   return names;
 }
 
-void Connect() {
-  tqredis_init(nullptr, 0, nullptr, 2);
-  // Connected and with the card information read: no command waits.
-  tqredis_db_connect();
-  tqredis_get_cardinfo();
+// Every record the library passes to the process-wide hook lands in g_seen.
+void WatchRecords() {
   ASSERT_EQ(tqredis_pmsg_hook_register(ProcessHook, nullptr), 0);
 }
 
-class Scan : public ::testing::Test {
+class Scan : public tqtest::ConnectedDevice {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    Connect();
+    ConnectedDevice::SetUp();
+    if (!HasFatalFailure()) WatchRecords();
   }
-  tqtest::DeviceServers servers_;
+};
+
+// Replies a stock server never gives.
+class ScanPeer : public tqtest::ScriptedDatabase {
+ protected:
+  void Connected() override { WatchRecords(); }
 };
 
 }  // namespace
@@ -486,23 +486,6 @@ TEST_F(Scan, PexpireWalkSendsATimeOfZeroAsItIs) {
 }
 
 // ---- Replies a stock server never gives ------------------------------------
-
-class ScanPeer : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-  }
-  // Starts the scripted database 0, then connects.
-  void Serve(std::vector<ReplyPeer::Rule> rules) {
-    peer_ =
-        std::make_unique<ReplyPeer>(tqtest::kSocketPaths[0], std::move(rules));
-    ASSERT_TRUE(peer_->listening());
-    Connect();
-  }
-  tqtest::DeviceServers servers_;
-  std::unique_ptr<ReplyPeer> peer_;
-};
 
 TEST_F(ScanPeer, CursorIsReadInAnyBaseAndSentBackInDecimal) {
   Serve({{"SCAN ",

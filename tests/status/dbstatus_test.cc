@@ -3,7 +3,6 @@
 // short and refused arguments against a scripted database, and a stock
 // server that does not know the query.
 #include <cstring>
-#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -11,15 +10,14 @@
 #include <gtest/gtest.h>
 
 #include "connect/cardinfo.h"
-#include "support/reply_peer.h"
-#include "support/server_side.h"
 #include "support/emulator.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
 using tqtest::Logged;
-using tqtest::ReplyPeer;
 using tqtest::WithoutTimes;
 
 namespace {
@@ -46,13 +44,6 @@ std::string ServerField(int db, const std::string &name,
   std::smatch f;
   const std::string found = m[2].str();
   return std::regex_search(found, f, field) ? f[2].str() : "?";
-}
-
-void Connect() {
-  tqredis_init(nullptr, 0, nullptr, 2);
-  // Connected and with the card information read: no command waits.
-  tqredis_db_connect();
-  tqredis_get_cardinfo();
 }
 
 class Dbstatus : public ::testing::Test {
@@ -177,22 +168,13 @@ TEST_F(Dbstatus, DatabaseThreeIsRefusedByTheCommandPathAndReadsOffline) {
   }
 }
 
+namespace {
+
 // A scripted database 0, for status lines no server writes.
-class DbstatusPeer : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-  }
-  void Serve(std::vector<ReplyPeer::Rule> rules) {
-    peer_ =
-        std::make_unique<ReplyPeer>(tqtest::kSocketPaths[0], std::move(rules));
-    ASSERT_TRUE(peer_->listening());
-    Connect();
-  }
-  tqtest::DeviceServers servers_;
-  std::unique_ptr<ReplyPeer> peer_;
-};
+class DbstatusPeer : public tqtest::ScriptedDatabase {};
+
+// A stock server has no client-list query by name.
+class DbstatusStock : public tqtest::ConnectedDevice {};
 
 std::string Bulk(const std::string &s) {
   return "$" + std::to_string(s.size()) + "\r\n" + s + "\r\n";
@@ -203,6 +185,8 @@ const char kLine[] =
     "idle=0 flags=P db=0 sub=0 psub=3 multi=-1 cmd_num=4 cmd_per_sec=0 "
     "in_bytes=300 out_bytes=200 in_bps=0 out_bps=0 qbuf=0 qbuf-free=0 obl=0 "
     "oll=0 omem=0 events=r cmd=psubscribe\n";
+
+}  // namespace
 
 TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
   const std::string cut =
@@ -286,11 +270,8 @@ TEST_F(DbstatusPeer, StatusReplyIsAFailedQuery) {
       << log;
 }
 
-// A stock server has no client-list query by name: it answers an error.
-TEST(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
-  tqtest::DeviceServers servers;
-  ASSERT_TRUE(servers.StartAll());
-  Connect();
+// The stock server answers the query by name with an error.
+TEST_F(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
     EXPECT_EQ(tqredis_get_proc_dbstatus(1, g_tqredis_proc_name, r.st), 0);
