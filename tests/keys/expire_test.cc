@@ -48,9 +48,9 @@ TEST_F(Expire,
   int rv[4] = {};
   const std::string log = Logged(TQREDIS_LOG_DATA | TQREDIS_LOG_ERROR, [&rv] {
     rv[0] = tqredis_pexpire_key(3, "k", 2000);
-    rv[1] = tqredis_pexpire_key(0, nullptr, 2000);
-    rv[2] = tqredis_pexpire_key(0, "k", 0);
-    rv[3] = tqredis_pexpire_key(1, "k", -7);
+    rv[1] = tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, nullptr, 2000);
+    rv[2] = tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 0);
+    rv[3] = tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "k", -7);
   });
   for (int r : rv) EXPECT_EQ(r, -2);
   EXPECT_EQ(
@@ -66,7 +66,7 @@ TEST_F(Expire,
 TEST_F(Expire, PexpireKeyGivesTheKeyItsTimeToLiveAtOnceTracedAsPexpire) {
   RunOn(0, "SET k v");
   std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_pexpire_key(0, "k", 2000), 0);
+    EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 2000), 0);
   });
   const long long ttl = Pttl(0, "k");
   EXPECT_GT(ttl, 0);
@@ -78,18 +78,19 @@ TEST_F(Expire, PexpireKeyGivesTheKeyItsTimeToLiveAtOnceTracedAsPexpire) {
 }
 
 TEST_F(Expire, PexpireKeyWritesOutWritesWaitingOnItsConnection) {
-  tqredis_db_command(0, TQREDIS_OP_WRITE, -1, 0, "SET %s %s", "waiting", "1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET %s %s",
+                     "waiting", "1");
   ASSERT_EQ(Pending("read", "redis_de_global"), "1");
   ASSERT_EQ(Exists(0, "waiting"), 0);
   RunOn(0, "SET k v");
-  EXPECT_EQ(tqredis_pexpire_key(0, "k", 2000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 2000), 0);
   EXPECT_EQ(Pending("read", "redis_de_global"), "0");
   EXPECT_EQ(Exists(0, "waiting"), 1);
   EXPECT_GT(Pttl(0, "k"), 0);
 }
 
 TEST_F(Expire, PexpireKeySendsAnEmptyKeyAsItIs) {
-  EXPECT_EQ(tqredis_pexpire_key(1, "", 1000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "", 1000), 0);
   EXPECT_EQ(CommandCalls(1, "pexpire"), 1);
 }
 
@@ -97,7 +98,7 @@ TEST_F(Expire, KeyPexpireSendsTheTimeItsArgumentPointsTo) {
   RunOn(2, "SET k v");
   int ageing = 3000;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&ageing] {
-    EXPECT_EQ(tqredis_key_pexpire(2, "k", &ageing), 0);
+    EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_HOST, "k", &ageing), 0);
   });
   const long long ttl = Pttl(2, "k");
   EXPECT_GT(ttl, 2000);
@@ -112,8 +113,9 @@ TEST_F(Expire, KeyPexpireSendsZeroAndNegativeTimesAsTheyAre) {
   RunOn(0, "SET negative v");
   int zero = 0;
   int negative = -5;
-  EXPECT_EQ(tqredis_key_pexpire(0, "zero", &zero), 0);
-  EXPECT_EQ(tqredis_key_pexpire(0, "negative", &negative), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "zero", &zero), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "negative", &negative),
+            0);
   // The server deletes a key whose time to live is not positive.
   EXPECT_EQ(CommandCalls(0, "pexpire"), 2);
   EXPECT_EQ(Exists(0, "zero"), 0);
@@ -121,15 +123,15 @@ TEST_F(Expire, KeyPexpireSendsZeroAndNegativeTimesAsTheyAre) {
 }
 
 TEST_F(Expire, KeyPexpireWithoutATimeSendsNothing) {
-  EXPECT_EQ(tqredis_key_pexpire(0, "k", nullptr), 0);
-  EXPECT_EQ(tqredis_key_pexpire(0, nullptr, nullptr), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "k", nullptr), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, nullptr, nullptr), 0);
   EXPECT_EQ(CommandCalls(0, "pexpire"), 0);
 }
 
 TEST_F(Expire, ExpireKeyDelDeletesAKeyThatHasATimeToLive) {
   RunOn(0, "SET a v PX 5000");
   const std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_expire_key_del(0, "a", nullptr), 0);
+    EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "a", nullptr), 0);
   });
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(0, "a"), 0);
@@ -143,8 +145,8 @@ TEST_F(Expire, ExpireKeyDelDeletesAKeyThatHasATimeToLive) {
 
 TEST_F(Expire, ExpireKeyDelSendsOnlyThePttlForAKeyWithoutExpiryOrAMissingKey) {
   RunOn(1, "SET b v");
-  EXPECT_EQ(tqredis_expire_key_del(1, "b", nullptr), 0);
-  EXPECT_EQ(tqredis_expire_key_del(1, "c", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_CE_GLOBAL, "b", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_CE_GLOBAL, "c", nullptr), 0);
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(1, "b"), 1);
   EXPECT_EQ(CommandCalls(1, "pttl"), 2);
@@ -157,14 +159,14 @@ TEST_F(Expire, ExpireKeyDelOverSeveralKeysDeletesOnlyTheExpiringOne) {
   RunOn(2, "SET a v PX 5000");
   RunOn(2, "SET b v");
   for (const char *key : {"a", "b", "c"}) {
-    EXPECT_EQ(tqredis_expire_key_del(2, key, nullptr), 0) << key;
+    EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_HOST, key, nullptr), 0) << key;
   }
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(2, "a"), 0);
   EXPECT_EQ(Exists(2, "b"), 1);
   EXPECT_EQ(CommandCalls(2, "del"), 1);
-  redisReply *reply =
-      tqredis_db_command(2, TQREDIS_OP_READ, -1, 0, "GET %s", "b");
+  redisReply *reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "GET %s", "b");
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->type, REDIS_REPLY_STRING);
   EXPECT_STREQ(reply->str, "v");
@@ -187,7 +189,7 @@ TEST_F(Expire, ExpireKeyDelWithoutAPttlReplyFailsAfterRvMinusTwo) {
 TEST_F(Expire, ExpireKeyDelWithANullKeyFailsSendingNothing) {
   int rv = 0;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&rv] {
-    rv = tqredis_expire_key_del(0, nullptr, nullptr);
+    rv = tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, nullptr, nullptr);
   });
   EXPECT_EQ(rv, -1);
   EXPECT_EQ(log, "<tqredis_expire_key_del>:PTTL get expire time fail, rv=-2\n");
@@ -208,14 +210,14 @@ class ExpirePeer : public tqtest::ScriptedDatabase {
 };
 
 TEST_F(ExpirePeer, ExpireKeyDelDeletesAKeyWhosePttlIsZero) {
-  EXPECT_EQ(tqredis_expire_key_del(0, "zero", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "zero", nullptr), 0);
   tqredis_commit_command_all();
   EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL zero"});
   EXPECT_EQ(peer_->Commands("DEL"), std::vector<std::string>{"DEL zero"});
 }
 
 TEST_F(ExpirePeer, ExpireKeyDelSendsNoDeleteForPttlMinusOne) {
-  EXPECT_EQ(tqredis_expire_key_del(0, "none", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "none", nullptr), 0);
   tqredis_commit_command_all();
   EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL none"});
   EXPECT_TRUE(peer_->Commands("DEL").empty());
@@ -234,9 +236,9 @@ class ExpireNotMaster : public Expire {
 };
 
 TEST_F(ExpireNotMaster, TheDeleteWaitsInTheWritePipelineUntilItIsCommitted) {
-  ASSERT_EQ(tqredis_db_is_connected(0, TQREDIS_OP_WRITE), 1);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
   RunOn(0, "SET a v PX 5000");
-  EXPECT_EQ(tqredis_expire_key_del(0, "a", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "a", nullptr), 0);
   EXPECT_EQ(Pending("write", "redis_de_global"), "1");
   EXPECT_EQ(Exists(0, "a"), 1);
   tqredis_commit_command_all();
@@ -247,7 +249,7 @@ TEST_F(ExpireNotMaster, TheDeleteWaitsInTheWritePipelineUntilItIsCommitted) {
 
 TEST_F(ExpireNotMaster, PexpireGoesOutAtOnceOnTheWriteConnection) {
   RunOn(1, "SET k v");
-  EXPECT_EQ(tqredis_pexpire_key(1, "k", 4000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "k", 4000), 0);
   EXPECT_EQ(Pending("write", "redis_ce_global"), "0");
   for (int i = 0; i < 200 && Pttl(1, "k") < 0; ++i) select_sleep(0, 10000);
   EXPECT_GT(Pttl(1, "k"), 0);

@@ -69,7 +69,7 @@ TEST_F(Dbstatus, OwnProcessShowsReadAndPubsubOnlineWithTheirFigures) {
   Records r;
   int rv = -1;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    rv = tqredis_get_proc_dbstatus(2, g_tqredis_proc_name, r.st);
+    rv = tqredis_get_proc_dbstatus(TQREDIS_DB_HOST, g_tqredis_proc_name, r.st);
   });
   ASSERT_EQ(rv, 0);
   const std::string proc = g_tqredis_proc_name;
@@ -116,7 +116,7 @@ TEST_F(Dbstatus, ProcessNobodyUsesIsOfflineEverywhere) {
   Records r;
   int rv = -1;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    rv = tqredis_get_proc_dbstatus(0, "nobody", r.st);
+    rv = tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "nobody", r.st);
   });
   EXPECT_EQ(rv, 0);
   for (const tqredis_client_status &s : r.st) EXPECT_EQ(s.online, 0);
@@ -135,9 +135,11 @@ TEST_F(Dbstatus, EmptyOrNullArgumentsAreRefusedWithoutAnyQuery) {
   Records r;
   std::vector<int> rv;
   const std::string log = Logged(TQREDIS_LOG_DATA | TQREDIS_LOG_ERROR, [&] {
-    rv.push_back(tqredis_get_proc_dbstatus(0, "", r.st));
-    rv.push_back(tqredis_get_proc_dbstatus(0, nullptr, r.st));
-    rv.push_back(tqredis_get_proc_dbstatus(0, "nobody", nullptr));
+    rv.push_back(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "", r.st));
+    rv.push_back(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, nullptr, r.st));
+    rv.push_back(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "nobody", nullptr));
   });
   EXPECT_EQ(rv, std::vector<int>(3, -2));
   EXPECT_EQ(log,
@@ -198,7 +200,7 @@ TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
          {"CLIENT LIST p-pubsub", {Bulk(kLine)}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 1);
@@ -212,7 +214,7 @@ TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
 TEST_F(DbstatusPeer, MasterCardAsksOnlyForReadAndPubsub) {
   Serve({{"CLIENT LIST ", {Bulk("offline")}}});
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   EXPECT_EQ(
       peer_->Commands("CLIENT LIST"),
       (std::vector<std::string>{"CLIENT LIST p-read", "CLIENT LIST p-pubsub"}));
@@ -224,7 +226,7 @@ TEST_F(DbstatusPeer, CardThatIsNotTheMasterAsksForItsWriteClientToo) {
          {"CLIENT LIST ", {Bulk("offline")}}});
   g_tqredis_cardinfo.my_node = 1;  // the master stays node 0
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   EXPECT_EQ(
       peer_->Commands("CLIENT LIST"),
       (std::vector<std::string>{"CLIENT LIST p-read", "CLIENT LIST p-write",
@@ -237,7 +239,7 @@ TEST_F(DbstatusPeer, CardThatIsNotTheMasterAsksForItsWriteClientToo) {
 TEST_F(DbstatusPeer, EmptyProcSendsNothing) {
   Serve({});
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "", r.st), -2);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "", r.st), -2);
   EXPECT_TRUE(peer_->Commands("CLIENT LIST").empty());
 }
 
@@ -245,7 +247,7 @@ TEST_F(DbstatusPeer, EmptyReplyIsOffline) {
   Serve({{"CLIENT LIST ", {Bulk("")}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 0);
@@ -260,7 +262,7 @@ TEST_F(DbstatusPeer, StatusReplyIsAFailedQuery) {
   Serve({{"CLIENT LIST ", {"+OK\r\n"}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_NE(
@@ -274,7 +276,9 @@ TEST_F(DbstatusPeer, StatusReplyIsAFailedQuery) {
 TEST_F(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(1, g_tqredis_proc_name, r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_CE_GLOBAL,
+                                        g_tqredis_proc_name, r.st),
+              0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 0);
@@ -292,7 +296,8 @@ TEST_F(DbstatusPeer, LongProcessNameIsTracedCutAndQueriedWhole) {
   const std::string proc(200, 'p');
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, proc.c_str(), r.st), 0);
+    EXPECT_EQ(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, proc.c_str(), r.st), 0);
   });
   EXPECT_NE(WithoutTimes(log).find("clientlistname " + std::string(126, 'p') +
                                    " flag=0 tid=0\r\n"),
