@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <optional>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <string_view>
@@ -292,6 +293,9 @@ class Row {
   int text_at_ = kTextKept;
   int len_ = kPresetLen;
 };
+
+// GoogleTest shows a row by its name.
+void PrintTo(const Row &row, std::ostream *os) { *os << row.name(); }
 
 class Getter : public ::testing::TestWithParam<Row> {};
 
