@@ -20,11 +20,12 @@ using tqtest::SlotDump;
 
 namespace {
 
-
 unsigned Pending(const char *op, const char *db) {
   const std::string slot = SlotDump(op, db);
   const auto at = slot.find("\tappend_cmd_num=");
-  return at == std::string::npos ? 9999u : static_cast<unsigned>(std::stoul(slot.substr(at + 16)));
+  return at == std::string::npos
+             ? 9999u
+             : static_cast<unsigned>(std::stoul(slot.substr(at + 16)));
 }
 
 long long DbSize(int db) {
@@ -47,7 +48,8 @@ class Command : public tqtest::ConnectedDevice {};
 }  // namespace
 
 TEST_F(Command, ReadReturnsTheReplyToTheCaller) {
-  redisReply *reply = tqredis_db_command(0, 0, -1, 0, "PING");
+  redisReply *reply =
+      tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ, -1, 0, "PING");
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->type, REDIS_REPLY_STATUS);
   EXPECT_STREQ(reply->str, "PONG");
@@ -55,7 +57,8 @@ TEST_F(Command, ReadReturnsTheReplyToTheCaller) {
 }
 
 TEST_F(Command, ErrorReplyIsReturnedForTheCallerToCheck) {
-  redisReply *reply = tqredis_db_command(1, 0, -1, 0, "NOSUCHCOMMAND %s", "x");
+  redisReply *reply = tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_READ,
+                                         -1, 0, "NOSUCHCOMMAND %s", "x");
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->type, REDIS_REPLY_ERROR);
   EXPECT_EQ(tqredis_check_reply(reply), 0);
@@ -63,26 +66,31 @@ TEST_F(Command, ErrorReplyIsReturnedForTheCallerToCheck) {
 }
 
 TEST_F(Command, ArgumentsAreSentAsWholeStrings) {
-  tqredis_db_command(2, 1, -1, 1, "SET %s %s", "k", "a b");
-  redisReply *reply = tqredis_db_command(2, 0, -1, 0, "STRLEN %s", "k");
+  tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 1, "SET %s %s", "k",
+                     "a b");
+  redisReply *reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "STRLEN %s", "k");
   // The pipelined SET's own reply comes first on this connection.
   ASSERT_NE(reply, nullptr);
   EXPECT_STREQ(reply->str, "OK");
   tqredis_free_reply(reply);
-  reply = tqredis_db_command(2, 0, -1, 0, "PING");
+  reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING");
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->integer, 3);
   tqredis_free_reply(reply);
 }
 
 TEST_F(Command, LaterReadReceivesTheOldestUnreadReply) {
-  tqredis_db_command(2, 1, -1, 1, "SET %s %s", "key", "value");
-  redisReply *first = tqredis_db_command(2, 0, -1, 0, "GET %s", "key");
+  tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 1, "SET %s %s",
+                     "key", "value");
+  redisReply *first = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "GET %s", "key");
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(first->type, REDIS_REPLY_STATUS);  // the SET's "OK"
   EXPECT_STREQ(first->str, "OK");
   tqredis_free_reply(first);
-  redisReply *second = tqredis_db_command(2, 0, -1, 0, "GET %s", "key");
+  redisReply *second = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                          0, "GET %s", "key");
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(second->type, REDIS_REPLY_STRING);  // the first GET's "value"
   EXPECT_STREQ(second->str, "value");
@@ -90,10 +98,13 @@ TEST_F(Command, LaterReadReceivesTheOldestUnreadReply) {
 }
 
 TEST_F(Command, ReadWritesOutPendingWritesAndResetsTheCount) {
-  for (int i = 0; i < 3; ++i) tqredis_db_command(2, 1, -1, 0, "SET k%d v", i);
+  for (int i = 0; i < 3; ++i)
+    tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0, "SET k%d v",
+                       i);
   EXPECT_EQ(Pending("read", "redis_host"), 3u);
   EXPECT_EQ(DbSize(2), 0);
-  redisReply *reply = tqredis_db_command(2, 0, -1, 0, "DBSIZE");
+  redisReply *reply =
+      tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "DBSIZE");
   ASSERT_NE(reply, nullptr);
   tqredis_free_reply(reply);
   EXPECT_EQ(Pending("read", "redis_host"), 0u);
@@ -102,42 +113,47 @@ TEST_F(Command, ReadWritesOutPendingWritesAndResetsTheCount) {
 
 TEST_F(Command, ThirtyOneWritesWaitAndTheThirtySecondWritesAll) {
   for (int i = 0; i < 31; ++i) {
-    EXPECT_EQ(tqredis_db_command(0, 1, -1, 0, "SET k%d %d", i, i), nullptr);
+    EXPECT_EQ(tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0,
+                                 "SET k%d %d", i, i),
+              nullptr);
   }
   EXPECT_EQ(Pending("read", "redis_de_global"), 31u);
-  EXPECT_EQ(DbSize(0), 0) << "nothing may reach the server before the threshold";
-  tqredis_db_command(0, 1, -1, 0, "SET k31 31");
+  EXPECT_EQ(DbSize(0), 0)
+      << "nothing may reach the server before the threshold";
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0,
+                     "SET k31 31");
   EXPECT_EQ(Pending("read", "redis_de_global"), 0u);
   EXPECT_EQ(DbSizeReaching(0, 32), 32);
 }
 
 TEST_F(Command, ThresholdOfOneWritesEveryCommand) {
   tqredis_set_cmd_commit_thres(1);
-  tqredis_db_command(1, 1, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
   EXPECT_EQ(Pending("read", "redis_ce_global"), 0u);
   EXPECT_EQ(DbSizeReaching(1, 1), 1);
 }
 
 TEST_F(Command, ConfigurationTypeThreeSetsTheThreshold) {
   tqredis_dbg_cfg(3, 2);
-  tqredis_db_command(1, 1, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
   EXPECT_EQ(Pending("read", "redis_ce_global"), 1u);
-  tqredis_db_command(1, 1, -1, 0, "SET b 1");
+  tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET b 1");
   EXPECT_EQ(Pending("read", "redis_ce_global"), 0u);
   EXPECT_EQ(DbSizeReaching(1, 2), 2);
 }
 
 TEST_F(Command, CommitFlagWritesAtOnceWhateverTheThreshold) {
   tqredis_set_cmd_commit_thres(1000);
-  tqredis_db_command(0, 1, -1, 0, "SET a 1");
-  tqredis_db_command(0, 1, -1, TQREDIS_CMD_COMMIT, "SET b 1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1,
+                     TQREDIS_CMD_COMMIT, "SET b 1");
   EXPECT_EQ(Pending("read", "redis_de_global"), 0u);
   EXPECT_EQ(DbSizeReaching(0, 2), 2);
 }
 
 TEST_F(Command, CommitAllWritesEveryReadAndWriteSlot) {
-  tqredis_db_command(0, 1, -1, 0, "SET a 1");
-  tqredis_db_command(2, 1, -1, 0, "SET b 1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0, "SET b 1");
   tqredis_commit_command_all();
   EXPECT_EQ(Pending("read", "redis_de_global"), 0u);
   EXPECT_EQ(Pending("read", "redis_host"), 0u);
@@ -146,17 +162,18 @@ TEST_F(Command, CommitAllWritesEveryReadAndWriteSlot) {
 }
 
 TEST_F(Command, WritesOnTheMasterCardTravelOnTheReadSlot) {
-  tqredis_db_command(0, 1, -1, 0, "SET a 1");
-  tqredis_db_command(2, 1, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
+  tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0, "SET a 1");
   EXPECT_EQ(Pending("read", "redis_de_global"), 1u);
   EXPECT_EQ(Pending("read", "redis_host"), 1u);
   EXPECT_EQ(Pending("write", "redis_de_global"), 0u);
-  EXPECT_EQ(tqredis_db_is_connected(0, 1), 0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 0);
   EXPECT_EQ(tqtest::ClientNames(0), "command_test-read command_test-pubsub");
 }
 
 TEST_F(Command, PubsubCommandIsAppendedOnThePubsubSlot) {
-  tqredis_db_command(1, 2, -1, TQREDIS_CMD_COMMIT, "PSUBSCRIBE %s", "__keyspace@0__:x*");
+  tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_PUBSUB, -1,
+                     TQREDIS_CMD_COMMIT, "PSUBSCRIBE %s", "__keyspace@0__:x*");
   EXPECT_EQ(Pending("pubsub", "redis_ce_global"), 0u);
   auto c = tqtest::Direct(1);
   long long patterns = -1;
@@ -176,10 +193,12 @@ TEST_F(Command, ThreadsShareTheConnectionsSafelyWithTheLockOn) {
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&bad, t] {
       for (int i = 0; i < kEach; ++i) {
-        redisReply *r = tqredis_db_command(0, 0, -1, 0, "INCR counter");
+        redisReply *r = tqredis_db_command(
+            TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ, -1, 0, "INCR counter");
         if (r == nullptr || r->type != REDIS_REPLY_INTEGER) ++bad;
         tqredis_free_reply(r);
-        tqredis_db_command(2, 1, -1, 0, "SADD members %d-%d", t, i);
+        tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0,
+                           "SADD members %d-%d", t, i);
       }
     });
   }
@@ -204,25 +223,27 @@ TEST_F(Command, ThreadsShareTheConnectionsSafelyWithTheLockOn) {
 namespace {
 
 // Servers as a test chooses; nothing connected, tqredis_init() not called.
-class CommandWait : public ::testing::Test {
- protected:
-  tqtest::DeviceServers servers_;
-};
+class CommandWait : public tqtest::LateHostServer {};
 
 }  // namespace
 
-TEST_F(CommandWait, NoReconnectFlagOnAnUnconnectedSlotGivesUpAfterOneDisconnect) {
+TEST_F(CommandWait,
+       NoReconnectFlagOnAnUnconnectedSlotGivesUpAfterOneDisconnect) {
   ASSERT_TRUE(servers_.Start(0));
   ASSERT_TRUE(servers_.Start(2));
   tqredis_init(nullptr, 0, nullptr, 0);
   tqredis_db_connect();
   tqredis_get_cardinfo();
-  ASSERT_EQ(tqredis_db_is_connected(1, 0), 0);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_READ), 0);
   redisReply *reply = reinterpret_cast<redisReply *>(1);
-  EXPECT_EQ(Logged(0xff, [&] {
-              reply = tqredis_db_command(1, 0, -1, TQREDIS_CMD_NO_RECONNECT, "PING");
-            }),
-            "<tqredis_db_try_reconnect>:>>>>redis_ce_global[read flag=2] try to reconnect\r\n");
+  EXPECT_EQ(Logged(0xff,
+                   [&] {
+                     reply = tqredis_db_command(
+                         TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_READ, -1,
+                         TQREDIS_CMD_NO_RECONNECT, "PING");
+                   }),
+            "<tqredis_db_try_reconnect>:>>>>redis_ce_global[read flag=2] try "
+            "to reconnect\r\n");
   EXPECT_EQ(reply, nullptr);
 }
 
@@ -231,7 +252,7 @@ TEST_F(CommandWait, CallBeforeInitBlocksUntilInitIsDone) {
   std::atomic<bool> done{false};
   redisReply *reply = nullptr;
   std::thread caller([&] {
-    reply = tqredis_db_command(2, 0, -1, 0, "PING");
+    reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING");
     done = true;
   });
   std::this_thread::sleep_for(1500ms);
@@ -242,30 +263,30 @@ TEST_F(CommandWait, CallBeforeInitBlocksUntilInitIsDone) {
   EXPECT_STREQ(reply->str, "PONG");
   tqredis_free_reply(reply);
   const std::string log = tqtest::ReadFile(tqtest::LogPath("limitlog"));
-  EXPECT_NE(log.find(">:redis_host operate before mom init[0] or context init, \r\n"),
-            std::string::npos);
+  EXPECT_NE(
+      log.find(">:redis_host operate before mom init[0] or context init, \r\n"),
+      std::string::npos);
 }
 
 TEST_F(CommandWait, ServerAbsentAtFirstCommandIsWaitedForUntilItComes) {
-  ASSERT_TRUE(servers_.Start(0));
-  ASSERT_TRUE(servers_.Start(1));
-  tqredis_init(nullptr, 0, nullptr, 2);
-  std::thread starter([this] {
-    std::this_thread::sleep_for(3s);
-    servers_.Start(2);
-  });
-  redisReply *reply = tqredis_db_command(2, 0, -1, 0, "PING");
-  starter.join();
-  ASSERT_NE(reply, nullptr);
-  EXPECT_STREQ(reply->str, "PONG");
-  tqredis_free_reply(reply);
-  const std::string log = tqtest::Messages(tqtest::ReadFile(tqtest::LogPath("limitlog")));
-  EXPECT_NE(log.find("<tqredis_db_try_reconnect>:>>>>redis_host[read flag=0] try to reconnect\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host[read] reconnect thread enter...\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host read reconnect thread quit\r\n"),
-            std::string::npos) << log;
-  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_host[read] reconnect finish\r\n"),
-            std::string::npos) << log;
+  ASSERT_NO_FATAL_FAILURE(PingTheHostServerStartedAfter(3s, 2));
+  const std::string log =
+      tqtest::Messages(tqtest::ReadFile(tqtest::LogPath("limitlog")));
+  EXPECT_NE(log.find("<tqredis_db_try_reconnect>:>>>>redis_host[read flag=0] "
+                     "try to reconnect\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host[read] "
+                     "reconnect thread enter...\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_host read reconnect "
+                     "thread quit\r\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(
+      log.find(
+          "<tqredis_db_reconnect>:>>>>redis_host[read] reconnect finish\r\n"),
+      std::string::npos)
+      << log;
 }

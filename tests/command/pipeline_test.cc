@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "connect/cardinfo.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
 #include "support/servers.h"
 #include "tqredis.h"
@@ -14,56 +15,60 @@ using tqredis::detail::g_tqredis_cardinfo;
 
 namespace {
 
-class NotMaster : public ::testing::Test {
+class NotMaster : public tqtest::ConnectedDevice {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    tqredis_init(nullptr, 0, nullptr, 2);
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
+    ConnectedDevice::SetUp();
+    if (HasFatalFailure()) return;
     // This card becomes node 1 while the master stays node 0.
     g_tqredis_cardinfo.my_node = 1;
   }
-  tqtest::DeviceServers servers_;
 };
 
 }  // namespace
 
 TEST_F(NotMaster, WritesToTheFirstTwoDatabasesChooseTheWriteSlot) {
-  EXPECT_EQ(tqredis_get_write_connext_stats(0), 1);
-  EXPECT_EQ(tqredis_calc_dbop(0, 1), 1);
-  EXPECT_EQ(tqredis_calc_dbop(1, 1), 1);
-  EXPECT_EQ(tqredis_calc_dbop(2, 1), 0);
+  EXPECT_EQ(tqredis_get_write_connext_stats(TQREDIS_DB_DE_GLOBAL), 1);
+  EXPECT_EQ(tqredis_calc_dbop(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
+  EXPECT_EQ(tqredis_calc_dbop(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE), 1);
+  EXPECT_EQ(tqredis_calc_dbop(TQREDIS_DB_HOST, TQREDIS_OP_WRITE), 0);
 }
 
 TEST_F(NotMaster, WriteConnectsTheWriteSlotRereadingTheCardInformation) {
-  ASSERT_EQ(tqredis_db_is_connected(0, 1), 0);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 0);
   const std::string log = tqtest::Logged(TQREDIS_LOG_LIFE, [] {
-    tqredis_db_command(0, 1, -1, TQREDIS_CMD_COMMIT, "SET %s %s", "k", "v");
+    tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1,
+                       TQREDIS_CMD_COMMIT, "SET %s %s", "k", "v");
   });
-  EXPECT_EQ(tqredis_db_is_connected(0, 1), 1);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
   const std::string expected =
-      "<tqredis_db_try_reconnect>:>>>>redis_de_global[write flag=1] try to reconnect\r\n"
-      "<tqredis_reconnect_thread>:>>>>redis_de_global[write] reconnect thread enter...\r\n"
-      "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0x1 master_node=0\r\n";
+      "<tqredis_db_try_reconnect>:>>>>redis_de_global[write flag=1] try to "
+      "reconnect\r\n"
+      "<tqredis_reconnect_thread>:>>>>redis_de_global[write] reconnect thread "
+      "enter...\r\n"
+      "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0x1 "
+      "master_node=0\r\n";
   EXPECT_EQ(log.compare(0, expected.size(), expected), 0) << log;
-  EXPECT_NE(log.find("<tqredis_reconnect_thread>:>>>>redis_de_global write reconnect "
-                     "thread quit\r\n"),
-            std::string::npos)
+  EXPECT_NE(
+      log.find("<tqredis_reconnect_thread>:>>>>redis_de_global write reconnect "
+               "thread quit\r\n"),
+      std::string::npos)
       << log;
-  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_de_global[write] reconnect finish\r\n"),
+  EXPECT_NE(log.find("<tqredis_db_reconnect>:>>>>redis_de_global[write] "
+                     "reconnect finish\r\n"),
             std::string::npos)
       << log;
 }
 
 TEST_F(NotMaster, SweepConnectsWriteSlotsOfTheFirstTwoDatabasesOnly) {
   tqredis_db_connect();
-  EXPECT_EQ(tqredis_db_is_connected(0, 1), 1);
-  EXPECT_EQ(tqredis_db_is_connected(1, 1), 1);
-  EXPECT_EQ(tqredis_db_is_connected(2, 1), 0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE), 1);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_HOST, TQREDIS_OP_WRITE), 0);
   EXPECT_EQ(tqtest::ClientNames(1),
             "pipeline_test-read pipeline_test-pubsub pipeline_test-write");
-  tqredis_db_command(1, 1, -1, TQREDIS_CMD_COMMIT, "SET %s %s", "k", "v");
+  tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE, -1,
+                     TQREDIS_CMD_COMMIT, "SET %s %s", "k", "v");
   auto c = tqtest::Direct(1);
   redisReply *r = nullptr;
   for (int i = 0; i < 200; ++i) {
@@ -78,7 +83,7 @@ TEST_F(NotMaster, SweepConnectsWriteSlotsOfTheFirstTwoDatabasesOnly) {
 
 TEST_F(NotMaster, MasterChangeWithALiveWriteSlotEndsTheProcess) {
   tqredis_db_connect();
-  ASSERT_EQ(tqredis_db_is_connected(0, 1), 1);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
   g_tqredis_cardinfo.master_node = 5;  // the master moved
   EXPECT_EXIT(tqredis_get_cardinfo(), ::testing::ExitedWithCode(0), "");
 }

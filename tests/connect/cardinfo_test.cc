@@ -11,7 +11,7 @@ using tqtest::Printed;
 
 TEST(Cardinfo, IsNotReadAfterLoad) {
   EXPECT_EQ(tqredis_cardinfo_is_readed(), 0);
-  EXPECT_EQ(tqredis_get_write_connext_stats(0), -1);
+  EXPECT_EQ(tqredis_get_write_connext_stats(TQREDIS_DB_DE_GLOBAL), -1);
 }
 
 TEST(Cardinfo, StatsAfterLoadShowUnknownNodes) {
@@ -22,11 +22,12 @@ TEST(Cardinfo, StatsAfterLoadShowUnknownNodes) {
 
 TEST(Cardinfo, FirstReadingLogsAMasterChangeFromUnknownToZero) {
   int rv = -1;
-  EXPECT_EQ(Logged(TQREDIS_LOG_LIFE, [&] { rv = tqredis_get_cardinfo(); }),
-            "<tqredis_parse_cardinfo>:>>>>master change, last_master=0xffffffff "
-            "master_node=0 \r\n"
-            "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0 "
-            "master_node=0\r\n");
+  EXPECT_EQ(
+      Logged(TQREDIS_LOG_LIFE, [&] { rv = tqredis_get_cardinfo(); }),
+      "<tqredis_parse_cardinfo>:>>>>master change, last_master=0xffffffff "
+      "master_node=0 \r\n"
+      "<tqredis_get_cardinfo>:>>>>get cardinfo, db_bitmap=0x7 my_node=0 "
+      "master_node=0\r\n");
   EXPECT_EQ(rv, 0);
   EXPECT_EQ(tqredis_cardinfo_is_readed(), 1);
 }
@@ -51,30 +52,36 @@ TEST(Cardinfo, FirstReadingPutsTheWriteSlotsBackInUnixMode) {
 
 TEST(Cardinfo, OnTheMasterWritesUseTheReadSlot) {
   tqredis_get_cardinfo();
-  EXPECT_EQ(tqredis_get_write_connext_stats(0), 0);
-  EXPECT_EQ(tqredis_get_write_connext_stats(1), 0);
-  EXPECT_EQ(tqredis_calc_dbop(0, 1), 0);
-  EXPECT_EQ(tqredis_calc_dbop(1, 1), 0);
-  EXPECT_EQ(Printed([] { tqredis_cardinfo_stats_show(); }),
-            "cardinfo:\r\n\tdb_bitmap=0x7\r\n\tmy_node=0\r\n\tmaster_node=0\r\n");
+  EXPECT_EQ(tqredis_get_write_connext_stats(TQREDIS_DB_DE_GLOBAL), 0);
+  EXPECT_EQ(tqredis_get_write_connext_stats(TQREDIS_DB_CE_GLOBAL), 0);
+  EXPECT_EQ(tqredis_calc_dbop(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 0);
+  EXPECT_EQ(tqredis_calc_dbop(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_WRITE), 0);
+  EXPECT_EQ(
+      Printed([] { tqredis_cardinfo_stats_show(); }),
+      "cardinfo:\r\n\tdb_bitmap=0x7\r\n\tmy_node=0\r\n\tmaster_node=0\r\n");
 }
 
 TEST(Cardinfo, ResetMakesItUnknownAgain) {
   tqredis_get_cardinfo();
   tqredis_cardinfo_init();
   EXPECT_EQ(tqredis_cardinfo_is_readed(), 0);
-  EXPECT_EQ(tqredis_get_write_connext_stats(1), -1);
+  EXPECT_EQ(tqredis_get_write_connext_stats(TQREDIS_DB_CE_GLOBAL), -1);
 }
 
 TEST(WaitReady, HostPassesAtOnceAfterInit) {
   tqredis_init(nullptr, 0, nullptr, 0);
-  EXPECT_EQ(Logged(0xff, [] { EXPECT_EQ(tqredis_wait_cardinfo_ready(2), 1); }), "");
+  EXPECT_EQ(Logged(0xff,
+                   [] {
+                     EXPECT_EQ(tqredis_wait_cardinfo_ready(TQREDIS_DB_HOST), 1);
+                   }),
+            "");
 }
 
 TEST(WaitReady, BeforeInitWaitsOneSecondWithoutConnecting) {
   int rv = -1;
-  EXPECT_EQ(Logged(0xff, [&] { rv = tqredis_wait_cardinfo_ready(2); }),
-            "<tqredis_wait_cardinfo_ready>:redis_host operate before mom init[0] or "
-            "context init, \r\n");
+  EXPECT_EQ(
+      Logged(0xff, [&] { rv = tqredis_wait_cardinfo_ready(TQREDIS_DB_HOST); }),
+      "<tqredis_wait_cardinfo_ready>:redis_host operate before mom init[0] or "
+      "context init, \r\n");
   EXPECT_EQ(rv, 0);
 }

@@ -23,7 +23,6 @@ class Connect : public ::testing::Test {
   tqtest::DeviceServers servers_;
 };
 
-
 long long CommandsProcessed(int db) {
   auto c = tqtest::Direct(db);
   auto info = tqtest::Run(c.get(), "INFO stats");
@@ -36,32 +35,37 @@ long long CommandsProcessed(int db) {
 
 TEST_F(Connect, SlotConnectsAndIsNamedAfterProcessAndOperation) {
   std::string log;
-  log = Logged(TQREDIS_LOG_LIFE, [] { EXPECT_EQ(tqredis_connect(2, 0), 0); });
+  log = Logged(TQREDIS_LOG_LIFE, [] {
+    EXPECT_EQ(tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ), 0);
+  });
   EXPECT_EQ(log,
-            "<tqredis_connect>:>>>>redis_host read[mode=0 path=/tmp/redis/redis_host.sock "
+            "<tqredis_connect>:>>>>redis_host read[mode=0 "
+            "path=/tmp/redis/redis_host.sock "
             "hostname= hostport=0] connected\r\n");
-  EXPECT_EQ(tqredis_db_is_connected(2, 0), 1);
-  EXPECT_NE(tqredis_get_context(2, 0), nullptr);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_HOST, TQREDIS_OP_READ), 1);
+  EXPECT_NE(tqredis_get_context(TQREDIS_DB_HOST, TQREDIS_OP_READ), nullptr);
   EXPECT_EQ(tqtest::ClientNames(2), "connect_test-read");
-  EXPECT_NE(SlotDump("read", "redis_host").find("\tconnect_num=1\r\n"), std::string::npos);
+  EXPECT_NE(SlotDump("read", "redis_host").find("\tconnect_num=1\r\n"),
+            std::string::npos);
 }
 
 TEST_F(Connect, ConnectingAConnectedSlotSendsNothingAndCountsNothing) {
-  ASSERT_EQ(tqredis_connect(0, 2), 0);
+  ASSERT_EQ(tqredis_connect(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_PUBSUB), 0);
   const long long before = CommandsProcessed(0);
-  EXPECT_EQ(tqredis_connect(0, 2), 0);
+  EXPECT_EQ(tqredis_connect(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_PUBSUB), 0);
   // The second INFO counts the first one, and nothing else.
   EXPECT_EQ(CommandsProcessed(0), before + 1);
   EXPECT_NE(SlotDump("pubsub", "redis_de_global").find("\tconnect_num=1\r\n"),
             std::string::npos);
 }
 
-TEST_F(Connect, SweepConnectsReadAndPubsubButNeverWriteBeforeTheCardInformation) {
+TEST_F(Connect,
+       SweepConnectsReadAndPubsubButNeverWriteBeforeTheCardInformation) {
   tqredis_db_connect();
   for (int db = 0; db < 3; ++db) {
-    EXPECT_EQ(tqredis_db_is_connected(db, 0), 1);
-    EXPECT_EQ(tqredis_db_is_connected(db, 2), 1);
-    EXPECT_EQ(tqredis_db_is_connected(db, 1), 0);
+    EXPECT_EQ(tqredis_db_is_connected(db, TQREDIS_OP_READ), 1);
+    EXPECT_EQ(tqredis_db_is_connected(db, TQREDIS_OP_PUBSUB), 1);
+    EXPECT_EQ(tqredis_db_is_connected(db, TQREDIS_OP_WRITE), 0);
     EXPECT_EQ(tqtest::ClientNames(db), "connect_test-read connect_test-pubsub");
   }
 }
@@ -69,24 +73,31 @@ TEST_F(Connect, SweepConnectsReadAndPubsubButNeverWriteBeforeTheCardInformation)
 TEST_F(Connect, SweepNeverConnectsAWriteSlotOnTheMasterCard) {
   tqredis_get_cardinfo();
   tqredis_db_connect();
-  for (int db = 0; db < 3; ++db) EXPECT_EQ(tqredis_db_is_connected(db, 1), 0);
+  for (int db = 0; db < 3; ++db)
+    EXPECT_EQ(tqredis_db_is_connected(db, TQREDIS_OP_WRITE), 0);
   EXPECT_EQ(tqtest::ClientNames(0), "connect_test-read connect_test-pubsub");
 }
 
 TEST_F(Connect, SweepSkipsPubsubOfADatabaseWhoseReadSlotFails) {
   servers_.Stop(1);
   tqredis_db_connect();
-  EXPECT_EQ(tqredis_db_is_connected(1, 0), 0);
-  EXPECT_EQ(tqredis_db_is_connected(1, 2), 0);
-  EXPECT_EQ(tqredis_db_is_connected(2, 2), 1);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_READ), 0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_PUBSUB),
+            0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_HOST, TQREDIS_OP_PUBSUB), 1);
 }
 
 TEST_F(Connect, RefusedConnectionLogsHiredisErrorText) {
   servers_.Kill(1);  // the socket file stays: the connect is refused
   int rv = 0;
-  EXPECT_EQ(Logged(TQREDIS_LOG_ERROR, [&] { rv = tqredis_connect(1, 2); }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_ERROR,
+                   [&] {
+                     rv = tqredis_connect(TQREDIS_DB_CE_GLOBAL,
+                                          TQREDIS_OP_PUBSUB);
+                   }),
             "<tqredis_connect_redis>:connect redis_ce_global pubsub[mode=0 "
-            "path=/tmp/redis/redis_ce_global.sock hostname=0x100001 hostport=0] error: "
+            "path=/tmp/redis/redis_ce_global.sock hostname=0x100001 "
+            "hostport=0] error: "
             "Connection refused\r\n");
   EXPECT_EQ(rv, -1);
 }
@@ -95,11 +106,12 @@ TEST_F(Connect, PingAnsweredWithAnErrorFailsTheConnect) {
   servers_.Stop(2);
   tqtest::ScriptedPeer peer(tqtest::kSocketPaths[2], {"-ERR loading\r\n"});
   int rv = 0;
-  const std::string log =
-      Logged(TQREDIS_LOG_WARN | TQREDIS_LOG_LIFE, [&] { rv = tqredis_connect(2, 0); });
+  const std::string log = Logged(TQREDIS_LOG_WARN | TQREDIS_LOG_LIFE, [&] {
+    rv = tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ);
+  });
   EXPECT_EQ(log, "<tqredis_db_wait_ready>:redis_host read ping fail\r\n");
   EXPECT_EQ(rv, -1);
-  EXPECT_EQ(tqredis_db_is_connected(2, 0), 0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_HOST, TQREDIS_OP_READ), 0);
   EXPECT_EQ(peer.pings(), 1);
 }
 
@@ -108,12 +120,14 @@ TEST_F(Connect, PingAnsweredWithAnotherStatusIsProbedAgainEverySecond) {
   tqtest::ScriptedPeer peer(tqtest::kSocketPaths[2],
                             {"+LOADING\r\n", "+LOADING\r\n", "+PONG\r\n"});
   int rv = -1;
-  const std::string log =
-      Logged(TQREDIS_LOG_WARN | TQREDIS_LOG_LIFE, [&] { rv = tqredis_connect(2, 0); });
+  const std::string log = Logged(TQREDIS_LOG_WARN | TQREDIS_LOG_LIFE, [&] {
+    rv = tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ);
+  });
   EXPECT_EQ(log,
             "<tqredis_db_wait_ready>:redis_host read try to ping...\r\n"
             "<tqredis_db_wait_ready>:redis_host read try to ping...\r\n"
-            "<tqredis_connect>:>>>>redis_host read[mode=0 path=/tmp/redis/redis_host.sock "
+            "<tqredis_connect>:>>>>redis_host read[mode=0 "
+            "path=/tmp/redis/redis_host.sock "
             "hostname= hostport=0] connected\r\n");
   EXPECT_EQ(rv, 0);
   EXPECT_EQ(peer.pings(), 3);
@@ -121,34 +135,46 @@ TEST_F(Connect, PingAnsweredWithAnotherStatusIsProbedAgainEverySecond) {
 
 TEST_F(Connect, NameTheServerRefusesFailsTheConnect) {
   // A blank is not allowed in a client name: the server refuses it.
-  const auto child = tqtest::RunProbe("a b", {"cfg", "1", "15", "connect", "2", "0"});
+  const auto child =
+      tqtest::RunProbe("a b", {"cfg", "1", "15", "connect", "2", "0"});
   ASSERT_EQ(child.exit_code, 0);
   EXPECT_NE(child.out.find("connect=-1\n"), std::string::npos) << child.out;
   const std::string log = tqtest::ReadFile("/tmp/tqredis/a b.limitlog");
   EXPECT_NE(log.find("]<tqredis_set_client_name, "), std::string::npos) << log;
-  EXPECT_NE(log.find(">:redis_host read client setname fail\r\n"), std::string::npos) << log;
+  EXPECT_NE(log.find(">:redis_host read client setname fail\r\n"),
+            std::string::npos)
+      << log;
   EXPECT_EQ(tqtest::ClientNames(2), "");
 }
 
 TEST_F(Connect, DisconnectingALiveSlotEndsTheProcessAfterCopyingTheLog) {
-  ASSERT_EQ(tqredis_connect(2, 0), 0);
-  EXPECT_EXIT(tqredis_disconnect(0, 2), ::testing::ExitedWithCode(0), "");
-  const std::string copy = tqtest::ReadFile("/var/tmp/coredump/connect_test.limitlog");
-  EXPECT_NE(copy.find(">:>>>>redis_host[read] disconnect[error=0 ]\r\n"), std::string::npos)
+  ASSERT_EQ(tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ), 0);
+  EXPECT_EXIT(tqredis_disconnect(TQREDIS_OP_READ, TQREDIS_DB_HOST),
+              ::testing::ExitedWithCode(0), "");
+  const std::string copy =
+      tqtest::ReadFile("/var/tmp/coredump/connect_test.limitlog");
+  EXPECT_NE(copy.find(">:>>>>redis_host[read] disconnect[error=0 ]\r\n"),
+            std::string::npos)
       << copy;
-  EXPECT_NE(copy.find(">:>>>>exit for disconnecting from redis_host\r\n"), std::string::npos)
+  EXPECT_NE(copy.find(">:>>>>exit for disconnecting from redis_host\r\n"),
+            std::string::npos)
       << copy;
 }
 
 TEST_F(Connect, CommandOnAConnectionWhoseServerDiedEndsTheProcess) {
   tqredis_init(nullptr, 0, nullptr, 0);
-  ASSERT_EQ(tqredis_connect(2, 0), 0);
+  ASSERT_EQ(tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ), 0);
   servers_.Kill(2);
-  EXPECT_EXIT(tqredis_db_command(2, 0, -1, 0, "PING"), ::testing::ExitedWithCode(0), "");
-  const std::string copy = tqtest::ReadFile("/var/tmp/coredump/connect_test.limitlog");
-  EXPECT_NE(copy.find(">:>>>>redis_host[read flag=0] try to reconnect\r\n"), std::string::npos)
+  EXPECT_EXIT(
+      tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING"),
+      ::testing::ExitedWithCode(0), "");
+  const std::string copy =
+      tqtest::ReadFile("/var/tmp/coredump/connect_test.limitlog");
+  EXPECT_NE(copy.find(">:>>>>redis_host[read flag=0] try to reconnect\r\n"),
+            std::string::npos)
       << copy;
-  EXPECT_NE(copy.find(">:>>>>exit for disconnecting from redis_host\r\n"), std::string::npos);
+  EXPECT_NE(copy.find(">:>>>>exit for disconnecting from redis_host\r\n"),
+            std::string::npos);
 }
 
 TEST_F(Connect, ExitCopiesTheLogOfANameWithShellCharactersWithoutAShell) {
@@ -156,7 +182,8 @@ TEST_F(Connect, ExitCopiesTheLogOfANameWithShellCharactersWithoutAShell) {
   unlink("zz");
   const auto child = tqtest::RunProbe(name, {"exit", "1"});
   EXPECT_EQ(child.exit_code, 0);
-  const std::string copy = tqtest::ReadFile("/var/tmp/coredump/" + name + ".limitlog");
+  const std::string copy =
+      tqtest::ReadFile("/var/tmp/coredump/" + name + ".limitlog");
   EXPECT_NE(copy.find(">:>>>>exit for disconnecting from redis_ce_global\r\n"),
             std::string::npos)
       << copy;

@@ -140,15 +140,15 @@ TEST(Init, CalledTwiceRunsTwice) {
 }
 
 TEST(DbExist, AllThreeDatabasesExist) {
-  EXPECT_EQ(tqredis_db_exist(0), 1);
-  EXPECT_EQ(tqredis_db_exist(1), 1);
-  EXPECT_EQ(tqredis_db_exist(2), 1);
+  EXPECT_EQ(tqredis_db_exist(TQREDIS_DB_DE_GLOBAL), 1);
+  EXPECT_EQ(tqredis_db_exist(TQREDIS_DB_CE_GLOBAL), 1);
+  EXPECT_EQ(tqredis_db_exist(TQREDIS_DB_HOST), 1);
 }
 
 TEST(DbExist, BitThreeIsClear) { EXPECT_EQ(tqredis_db_exist(3), 0); }
 
 TEST(DbExist, IdIsTakenModulo32) {
-  EXPECT_EQ(tqredis_db_exist(32), tqredis_db_exist(0));
+  EXPECT_EQ(tqredis_db_exist(32), tqredis_db_exist(TQREDIS_DB_DE_GLOBAL));
   EXPECT_EQ(tqredis_db_exist(32), 1);
   EXPECT_EQ(tqredis_db_exist(34), 1);
   EXPECT_EQ(tqredis_db_exist(35), 0);

@@ -46,8 +46,8 @@ class Bound : public ::testing::Test {
   // The next PING on slot [op][0], read through the library's own context
   // with hiredis itself.
   redisReply *PingThrough(uint32_t op) {
-    EXPECT_EQ(tqredis_connect(0, op), 0);
-    redisContext *ctx = tqredis_get_context(0, op);
+    EXPECT_EQ(tqredis_connect(TQREDIS_DB_DE_GLOBAL, op), 0);
+    redisContext *ctx = tqredis_get_context(TQREDIS_DB_DE_GLOBAL, op);
     if (ctx == nullptr) return nullptr;
     return static_cast<redisReply *>(redisCommand(ctx, "PING"));
   }
@@ -57,7 +57,8 @@ class Bound : public ::testing::Test {
 TEST_F(Bound, ArrayOfExactlyTheBoundIsRead) {
   Serve(ArrayOfOnes(kMaxReplyElements));
   redisReply *reply = PingThrough(TQREDIS_OP_READ);
-  ASSERT_NE(reply, nullptr) << tqredis_get_context(0, 0)->errstr;
+  ASSERT_NE(reply, nullptr)
+      << tqredis_get_context(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ)->errstr;
   EXPECT_EQ(reply->type, REDIS_REPLY_ARRAY);
   EXPECT_EQ(reply->elements, static_cast<size_t>(1 << 20));
   EXPECT_EQ(reply->element[(1 << 20) - 1]->integer, 1);
@@ -67,7 +68,8 @@ TEST_F(Bound, ArrayOfExactlyTheBoundIsRead) {
 TEST_F(Bound, ArrayOneElementPastTheBoundFailsAsOutOfMemory) {
   Serve("*1048577\r\n");
   EXPECT_EQ(PingThrough(TQREDIS_OP_READ), nullptr);
-  const redisContext *ctx = tqredis_get_context(0, 0);
+  const redisContext *ctx =
+      tqredis_get_context(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ);
   EXPECT_EQ(ctx->err, REDIS_ERR_OOM);
   EXPECT_STREQ(ctx->errstr, "Out of memory");
 }
@@ -75,13 +77,15 @@ TEST_F(Bound, ArrayOneElementPastTheBoundFailsAsOutOfMemory) {
 TEST_F(Bound, NestedArrayPastTheBoundFailsAsOutOfMemory) {
   Serve("*2\r\n:1\r\n*5000000\r\n");
   EXPECT_EQ(PingThrough(TQREDIS_OP_READ), nullptr);
-  EXPECT_EQ(tqredis_get_context(0, 0)->err, REDIS_ERR_OOM);
+  EXPECT_EQ(tqredis_get_context(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ)->err,
+            REDIS_ERR_OOM);
 }
 
 TEST_F(Bound, PubsubConnectionIsBoundedToo) {
   Serve("*544544444\r\n");
   EXPECT_EQ(PingThrough(TQREDIS_OP_PUBSUB), nullptr);
-  EXPECT_EQ(tqredis_get_context(0, 2)->err, REDIS_ERR_OOM);
+  EXPECT_EQ(tqredis_get_context(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_PUBSUB)->err,
+            REDIS_ERR_OOM);
 }
 
 TEST_F(Bound, WriteConnectionIsBoundedToo) {
@@ -90,7 +94,8 @@ TEST_F(Bound, WriteConnectionIsBoundedToo) {
   // makes it: through the same connect.
   tqredis_conn_slot slot{};
   std::strcpy(slot.unixpath, tqtest::kSocketPaths[0]);
-  redisContext *ctx = tqredis_connect_redis(0, TQREDIS_OP_WRITE, &slot);
+  redisContext *ctx =
+      tqredis_connect_redis(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, &slot);
   ASSERT_NE(ctx, nullptr);
   auto *pong = static_cast<redisReply *>(redisCommand(ctx, "PING"));
   ASSERT_NE(pong, nullptr);
@@ -104,10 +109,13 @@ TEST_F(Bound, TwelveByteAnnouncementToTheConnectProbeFailsTheConnect) {
   peer_ = std::make_unique<tqtest::ScriptedPeer>(
       tqtest::kSocketPaths[0], std::vector<std::string>{"*544544444\r\n"});
   int rv = 0;
-  EXPECT_EQ(Logged(TQREDIS_LOG_WARN, [&] { rv = tqredis_connect(0, 0); }),
-            "<tqredis_db_wait_ready>:redis_de_global read ping fail\r\n");
+  EXPECT_EQ(
+      Logged(
+          TQREDIS_LOG_WARN,
+          [&] { rv = tqredis_connect(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ); }),
+      "<tqredis_db_wait_ready>:redis_de_global read ping fail\r\n");
   EXPECT_EQ(rv, -1);
-  EXPECT_EQ(tqredis_db_is_connected(0, 0), 0);
+  EXPECT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ), 0);
 }
 
 // The peer of `Serve`, but in a process of its own: a death test's child
@@ -145,17 +153,18 @@ TEST(BoundFatal, HugeAnnouncementToACommandTakesTheLostConnectionPath) {
   tqtest::DeviceServers servers;
   ASSERT_TRUE(servers.Start(2));  // the master's card information
   tqredis_init(nullptr, 0, nullptr, 2);
-  ASSERT_EQ(tqredis_connect(2, 0), 0);
+  ASSERT_EQ(tqredis_connect(TQREDIS_DB_HOST, TQREDIS_OP_READ), 0);
   tqredis_get_cardinfo();
   PeerProcess peer(tqtest::kSocketPaths[0], {"+PONG\r\n", "*544544444\r\n"});
   ASSERT_TRUE(peer.running());
-  ASSERT_EQ(tqredis_connect(0, 0), 0);
+  ASSERT_EQ(tqredis_connect(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ), 0);
   // A failed read is a lost connection: the process ends, as it must when
   // its view of the database may be stale.
   EXPECT_EXIT(
       {
         tqredis_dbg_cfg(1, TQREDIS_LOG_ERROR | TQREDIS_LOG_LIFE);
-        tqredis_db_command(0, 0, -1, 0, "PING");
+        tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_READ, -1, 0,
+                           "PING");
       },
       ::testing::ExitedWithCode(0), "");
   const std::string log = ReadFile("/var/tmp/coredump/hostile_test.limitlog");
@@ -294,7 +303,7 @@ class HostileKey : public ::testing::Test {
                              kchan + "\r\n$3\r\nset\r\n$1\r\nv\r\n";
     auto reply = ParseReply(resp);
     EXPECT_NE(reply, nullptr);
-    return tqredis_db_deal_pmsg(2, reply.get());
+    return tqredis_db_deal_pmsg(TQREDIS_DB_HOST, reply.get());
   }
 };
 
@@ -362,7 +371,8 @@ TEST_F(HostileCommand, KeysOfEveryLengthAndBinaryValuesRoundTrip) {
         redisCommandArgv(direct.get(), 3, argv, lens));
     ASSERT_NE(set, nullptr);
     freeReplyObject(set);
-    redisReply *get = tqredis_db_command(2, 0, -1, 0, "GET %s", key.c_str());
+    redisReply *get = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "GET %s", key.c_str());
     ASSERT_NE(get, nullptr);
     EXPECT_EQ(std::string(get->str, get->len), value) << n;
     tqredis_free_reply(get);

@@ -8,9 +8,8 @@
 
 #include "connect/cardinfo.h"
 #include "support/fixtures.h"
-#include "support/reply_peer.h"
-#include "support/server_side.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
@@ -51,9 +50,9 @@ TEST_F(Expire,
   int rv[4] = {};
   const std::string log = Logged(TQREDIS_LOG_DATA | TQREDIS_LOG_ERROR, [&rv] {
     rv[0] = tqredis_pexpire_key(3, "k", 2000);
-    rv[1] = tqredis_pexpire_key(0, nullptr, 2000);
-    rv[2] = tqredis_pexpire_key(0, "k", 0);
-    rv[3] = tqredis_pexpire_key(1, "k", -7);
+    rv[1] = tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, nullptr, 2000);
+    rv[2] = tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 0);
+    rv[3] = tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "k", -7);
   });
   for (int r : rv) EXPECT_EQ(r, -2);
   EXPECT_EQ(
@@ -69,7 +68,7 @@ TEST_F(Expire,
 TEST_F(Expire, PexpireKeyGivesTheKeyItsTimeToLiveAtOnceTracedAsPexpire) {
   RunOn(0, "SET k v");
   std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_pexpire_key(0, "k", 2000), 0);
+    EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 2000), 0);
   });
   const long long ttl = Pttl(0, "k");
   EXPECT_GT(ttl, 0);
@@ -81,18 +80,19 @@ TEST_F(Expire, PexpireKeyGivesTheKeyItsTimeToLiveAtOnceTracedAsPexpire) {
 }
 
 TEST_F(Expire, PexpireKeyWritesOutWritesWaitingOnItsConnection) {
-  tqredis_db_command(0, TQREDIS_OP_WRITE, -1, 0, "SET %s %s", "waiting", "1");
+  tqredis_db_command(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE, -1, 0, "SET %s %s",
+                     "waiting", "1");
   ASSERT_EQ(Pending("read", "redis_de_global"), "1");
   ASSERT_EQ(Exists(0, "waiting"), 0);
   RunOn(0, "SET k v");
-  EXPECT_EQ(tqredis_pexpire_key(0, "k", 2000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_DE_GLOBAL, "k", 2000), 0);
   EXPECT_EQ(Pending("read", "redis_de_global"), "0");
   EXPECT_EQ(Exists(0, "waiting"), 1);
   EXPECT_GT(Pttl(0, "k"), 0);
 }
 
 TEST_F(Expire, PexpireKeySendsAnEmptyKeyAsItIs) {
-  EXPECT_EQ(tqredis_pexpire_key(1, "", 1000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "", 1000), 0);
   EXPECT_EQ(CommandCalls(1, "pexpire"), 1);
 }
 
@@ -100,7 +100,7 @@ TEST_F(Expire, KeyPexpireSendsTheTimeItsArgumentPointsTo) {
   RunOn(2, "SET k v");
   int ageing = 3000;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&ageing] {
-    EXPECT_EQ(tqredis_key_pexpire(2, "k", &ageing), 0);
+    EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_HOST, "k", &ageing), 0);
   });
   const long long ttl = Pttl(2, "k");
   EXPECT_GT(ttl, 2000);
@@ -115,8 +115,9 @@ TEST_F(Expire, KeyPexpireSendsZeroAndNegativeTimesAsTheyAre) {
   RunOn(0, "SET negative v");
   int zero = 0;
   int negative = -5;
-  EXPECT_EQ(tqredis_key_pexpire(0, "zero", &zero), 0);
-  EXPECT_EQ(tqredis_key_pexpire(0, "negative", &negative), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "zero", &zero), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "negative", &negative),
+            0);
   // The server deletes a key whose time to live is not positive.
   EXPECT_EQ(CommandCalls(0, "pexpire"), 2);
   EXPECT_EQ(Exists(0, "zero"), 0);
@@ -124,15 +125,15 @@ TEST_F(Expire, KeyPexpireSendsZeroAndNegativeTimesAsTheyAre) {
 }
 
 TEST_F(Expire, KeyPexpireWithoutATimeSendsNothing) {
-  EXPECT_EQ(tqredis_key_pexpire(0, "k", nullptr), 0);
-  EXPECT_EQ(tqredis_key_pexpire(0, nullptr, nullptr), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, "k", nullptr), 0);
+  EXPECT_EQ(tqredis_key_pexpire(TQREDIS_DB_DE_GLOBAL, nullptr, nullptr), 0);
   EXPECT_EQ(CommandCalls(0, "pexpire"), 0);
 }
 
 TEST_F(Expire, ExpireKeyDelDeletesAKeyThatHasATimeToLive) {
   RunOn(0, "SET a v PX 5000");
   const std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_expire_key_del(0, "a", nullptr), 0);
+    EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "a", nullptr), 0);
   });
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(0, "a"), 0);
@@ -146,8 +147,8 @@ TEST_F(Expire, ExpireKeyDelDeletesAKeyThatHasATimeToLive) {
 
 TEST_F(Expire, ExpireKeyDelSendsOnlyThePttlForAKeyWithoutExpiryOrAMissingKey) {
   RunOn(1, "SET b v");
-  EXPECT_EQ(tqredis_expire_key_del(1, "b", nullptr), 0);
-  EXPECT_EQ(tqredis_expire_key_del(1, "c", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_CE_GLOBAL, "b", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_CE_GLOBAL, "c", nullptr), 0);
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(1, "b"), 1);
   EXPECT_EQ(CommandCalls(1, "pttl"), 2);
@@ -160,14 +161,14 @@ TEST_F(Expire, ExpireKeyDelOverSeveralKeysDeletesOnlyTheExpiringOne) {
   RunOn(2, "SET a v PX 5000");
   RunOn(2, "SET b v");
   for (const char *key : {"a", "b", "c"}) {
-    EXPECT_EQ(tqredis_expire_key_del(2, key, nullptr), 0) << key;
+    EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_HOST, key, nullptr), 0) << key;
   }
   tqredis_commit_command_all();
   EXPECT_EQ(Exists(2, "a"), 0);
   EXPECT_EQ(Exists(2, "b"), 1);
   EXPECT_EQ(CommandCalls(2, "del"), 1);
-  redisReply *reply =
-      tqredis_db_command(2, TQREDIS_OP_READ, -1, 0, "GET %s", "b");
+  redisReply *reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "GET %s", "b");
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->type, REDIS_REPLY_STRING);
   EXPECT_STREQ(reply->str, "v");
@@ -190,7 +191,7 @@ TEST_F(Expire, ExpireKeyDelWithoutAPttlReplyFailsAfterRvMinusTwo) {
 TEST_F(Expire, ExpireKeyDelWithANullKeyFailsSendingNothing) {
   int rv = 0;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&rv] {
-    rv = tqredis_expire_key_del(0, nullptr, nullptr);
+    rv = tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, nullptr, nullptr);
   });
   EXPECT_EQ(rv, -1);
   EXPECT_EQ(log, "<tqredis_expire_key_del>:PTTL get expire time fail, rv=-2\n");
@@ -199,35 +200,29 @@ TEST_F(Expire, ExpireKeyDelWithANullKeyFailsSendingNothing) {
 
 // A database answering from a script, for a PTTL of exactly 0, which a
 // server gives only within the last millisecond of a key's life.
-class ExpirePeer : public ::testing::Test {
+class ExpirePeer : public tqtest::ScriptedDatabase {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(peer_.listening());
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-    tqredis_init(nullptr, 0, nullptr, 2);
-    tqredis_db_connect();
-    tqredis_get_cardinfo();
+    ScriptedDatabase::SetUp();
+    if (HasFatalFailure()) return;
+    Serve({{"PTTL zero", {":0\r\n"}},
+           {"PTTL none", {":-1\r\n"}},
+           {"DEL ", {":1\r\n"}}});
   }
-  tqtest::ReplyPeer peer_{tqtest::kSocketPaths[0],
-                          {{"PTTL zero", {":0\r\n"}},
-                           {"PTTL none", {":-1\r\n"}},
-                           {"DEL ", {":1\r\n"}}}};
-  tqtest::DeviceServers servers_;
 };
 
 TEST_F(ExpirePeer, ExpireKeyDelDeletesAKeyWhosePttlIsZero) {
-  EXPECT_EQ(tqredis_expire_key_del(0, "zero", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "zero", nullptr), 0);
   tqredis_commit_command_all();
-  EXPECT_EQ(peer_.Commands("PTTL"), std::vector<std::string>{"PTTL zero"});
-  EXPECT_EQ(peer_.Commands("DEL"), std::vector<std::string>{"DEL zero"});
+  EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL zero"});
+  EXPECT_EQ(peer_->Commands("DEL"), std::vector<std::string>{"DEL zero"});
 }
 
 TEST_F(ExpirePeer, ExpireKeyDelSendsNoDeleteForPttlMinusOne) {
-  EXPECT_EQ(tqredis_expire_key_del(0, "none", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "none", nullptr), 0);
   tqredis_commit_command_all();
-  EXPECT_EQ(peer_.Commands("PTTL"), std::vector<std::string>{"PTTL none"});
-  EXPECT_TRUE(peer_.Commands("DEL").empty());
+  EXPECT_EQ(peer_->Commands("PTTL"), std::vector<std::string>{"PTTL none"});
+  EXPECT_TRUE(peer_->Commands("DEL").empty());
 }
 
 // A card that is not the master writes the first two databases through
@@ -243,9 +238,9 @@ class ExpireNotMaster : public Expire {
 };
 
 TEST_F(ExpireNotMaster, TheDeleteWaitsInTheWritePipelineUntilItIsCommitted) {
-  ASSERT_EQ(tqredis_db_is_connected(0, TQREDIS_OP_WRITE), 1);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_WRITE), 1);
   RunOn(0, "SET a v PX 5000");
-  EXPECT_EQ(tqredis_expire_key_del(0, "a", nullptr), 0);
+  EXPECT_EQ(tqredis_expire_key_del(TQREDIS_DB_DE_GLOBAL, "a", nullptr), 0);
   EXPECT_EQ(Pending("write", "redis_de_global"), "1");
   EXPECT_EQ(Exists(0, "a"), 1);
   tqredis_commit_command_all();
@@ -256,7 +251,7 @@ TEST_F(ExpireNotMaster, TheDeleteWaitsInTheWritePipelineUntilItIsCommitted) {
 
 TEST_F(ExpireNotMaster, PexpireGoesOutAtOnceOnTheWriteConnection) {
   RunOn(1, "SET k v");
-  EXPECT_EQ(tqredis_pexpire_key(1, "k", 4000), 0);
+  EXPECT_EQ(tqredis_pexpire_key(TQREDIS_DB_CE_GLOBAL, "k", 4000), 0);
   EXPECT_EQ(Pending("write", "redis_ce_global"), "0");
   for (int i = 0; i < 200 && Pttl(1, "k") < 0; ++i) select_sleep(0, 10000);
   EXPECT_GT(Pttl(1, "k"), 0);

@@ -2,23 +2,21 @@
 // over many small SCAN calls, the replay of existing keys by kind, the
 // "scan" record per SCAN call, long keys, refused arguments and replies.
 #include <algorithm>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/reply_peer.h"
-#include "support/server_side.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
 using tqtest::CommandCalls;
 using tqtest::Logged;
 using tqtest::ParseReply;
-using tqtest::ReplyPeer;
 using tqtest::RunOn;
 using tqtest::WithoutTimes;
 
@@ -117,21 +115,23 @@ std::set<std::string> Names(const std::string &prefix, int n) {
   return names;
 }
 
-void Connect() {
-  tqredis_init(nullptr, 0, nullptr, 2);
-  // Connected and with the card information read: no command waits.
-  tqredis_db_connect();
-  tqredis_get_cardinfo();
+// Every record the library passes to the process-wide hook lands in g_seen.
+void WatchRecords() {
   ASSERT_EQ(tqredis_pmsg_hook_register(ProcessHook, nullptr), 0);
 }
 
-class Scan : public ::testing::Test {
+class Scan : public tqtest::ConnectedDevice {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(servers_.StartAll());
-    Connect();
+    ConnectedDevice::SetUp();
+    if (!HasFatalFailure()) WatchRecords();
   }
-  tqtest::DeviceServers servers_;
+};
+
+// Replies a stock server never gives.
+class ScanPeer : public tqtest::ScriptedDatabase {
+ protected:
+  void Connected() override { WatchRecords(); }
 };
 
 }  // namespace
@@ -211,15 +211,22 @@ TEST_F(Scan, BadDatabasePatternOrCountIsRefusedWithoutAnyScan) {
   std::vector<int> rv;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
     rv.push_back(tqredis_scan_key_pattern(3, "k*", 10, Callback, kCbArg, 0));
-    rv.push_back(tqredis_scan_key_pattern(0, nullptr, 10, Callback, kCbArg, 0));
-    rv.push_back(tqredis_scan_key_pattern(1, "", 10, Callback, kCbArg, 0));
-    rv.push_back(tqredis_scan_key_pattern(2, "k*", 0, Callback, kCbArg, 0));
-    rv.push_back(tqredis_scan_key_pattern(2, "k*", 5, nullptr, kCbArg, 0));
+    rv.push_back(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, nullptr, 10,
+                                          Callback, kCbArg, 0));
+    rv.push_back(tqredis_scan_key_pattern(TQREDIS_DB_CE_GLOBAL, "", 10,
+                                          Callback, kCbArg, 0));
+    rv.push_back(tqredis_scan_key_pattern(TQREDIS_DB_HOST, "k*", 0, Callback,
+                                          kCbArg, 0));
+    rv.push_back(
+        tqredis_scan_key_pattern(TQREDIS_DB_HOST, "k*", 5, nullptr, kCbArg, 0));
     rv.push_back(tqredis_key_pattern_walkthrough(3, "k*", 10, Visit, &keys));
-    rv.push_back(tqredis_key_pattern_walkthrough(0, nullptr, 10, Visit, &keys));
-    rv.push_back(tqredis_key_pattern_walkthrough(1, "", 10, Visit, &keys));
-    rv.push_back(tqredis_key_pattern_walkthrough(2, "k*", 0, Visit, &keys));
-    rv.push_back(tqredis_del_expire_key_pattern(2, "k*", -1));
+    rv.push_back(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, nullptr,
+                                                 10, Visit, &keys));
+    rv.push_back(tqredis_key_pattern_walkthrough(TQREDIS_DB_CE_GLOBAL, "", 10,
+                                                 Visit, &keys));
+    rv.push_back(tqredis_key_pattern_walkthrough(TQREDIS_DB_HOST, "k*", 0,
+                                                 Visit, &keys));
+    rv.push_back(tqredis_del_expire_key_pattern(TQREDIS_DB_HOST, "k*", -1));
     rv.push_back(tqredis_pexpire_key_pattern(4, "k*", 1000, 10));
   });
   EXPECT_EQ(rv, std::vector<int>(11, -2));
@@ -249,7 +256,9 @@ TEST_F(Scan, BadDatabasePatternOrCountIsRefusedWithoutAnyScan) {
 
 TEST_F(Scan, WalkWithoutAFunctionStillFeedsTheHook) {
   MakeKeys(0, "k", 3);
-  EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "k*", 10, nullptr, nullptr), 0);
+  EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "k*", 10,
+                                            nullptr, nullptr),
+            0);
   EXPECT_EQ(ScanRecords(), static_cast<int>(CommandCalls(0, "scan")));
   EXPECT_GE(ScanRecords(), 1);
 }
@@ -258,7 +267,7 @@ TEST_F(Scan, ReplayWithoutACallbackDirectlyReadsNothing) {
   MakeKeys(1, "k", 2);
   auto keys = ParseReply("*2\r\n$2\r\nk0\r\n$2\r\nk1\r\n");
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    tqredis_scan_key_get(1, keys.get(), nullptr, nullptr, 0);
+    tqredis_scan_key_get(TQREDIS_DB_CE_GLOBAL, keys.get(), nullptr, nullptr, 0);
     tqredis_scan_key_get(3, keys.get(), Callback, kCbArg, 0);
   });
   EXPECT_EQ(log,
@@ -272,7 +281,8 @@ TEST_F(Scan, ReplayWithoutACallbackDirectlyReadsNothing) {
 
 TEST_F(Scan, EmptyDatabaseEndsAfterOneScanPassingOneScanRecordToTheHook) {
   std::vector<std::string> keys;
-  EXPECT_EQ(tqredis_key_pattern_walkthrough(1, "nothing:*", 10, Visit, &keys),
+  EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_CE_GLOBAL, "nothing:*",
+                                            10, Visit, &keys),
             0);
   EXPECT_EQ(CommandCalls(1, "scan"), 1);
   EXPECT_TRUE(keys.empty());
@@ -290,7 +300,9 @@ TEST_F(Scan, WalkOverHundredsOfKeysWithASmallCountVisitsEveryMatchingKey) {
   MakeKeys(0, "b:", 40);
   std::vector<std::string> keys;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&keys] {
-    EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "a:*", 7, Visit, &keys), 0);
+    EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "a:*", 7,
+                                              Visit, &keys),
+              0);
   });
   EXPECT_EQ(std::set<std::string>(keys.begin(), keys.end()), Names("a:", 300));
   const long long scans = CommandCalls(0, "scan");
@@ -313,8 +325,9 @@ TEST_F(Scan, WalkHandsTheFunctionTheWholeKeyAndTheHookThePatternCutTo127) {
   const std::string pattern = std::string(149, 'x') + "*";
   RunOn(2, "SET %s v", key.c_str());
   std::vector<std::string> keys;
-  EXPECT_EQ(
-      tqredis_key_pattern_walkthrough(2, pattern.c_str(), 50, Visit, &keys), 0);
+  EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_HOST, pattern.c_str(),
+                                            50, Visit, &keys),
+            0);
   EXPECT_EQ(keys, std::vector<std::string>{key});
   ASSERT_GE(g_seen.size(), 1u);
   EXPECT_EQ(g_seen[0].key, pattern.substr(0, 127));
@@ -325,7 +338,9 @@ TEST_F(Scan, WalkHandsTheFunctionTheWholeKeyAndTheHookThePatternCutTo127) {
 TEST_F(Scan, ReplayOfStringKeysHandsEachValueToTheCallbackThenTheHook) {
   MakeKeys(2, "s:", 3);
   std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_scan_key_pattern(2, "s:*", 2, Callback, kCbArg, 0), 0);
+    EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_HOST, "s:*", 2, Callback,
+                                       kCbArg, 0),
+              0);
   });
   ASSERT_EQ(g_seen.size(), 6u);
   std::set<std::string> delivered;
@@ -356,7 +371,9 @@ TEST_F(Scan, ReplayOfStringKeysHandsEachValueToTheCallbackThenTheHook) {
 TEST_F(Scan, ReplayOfTwoHashKeysCallsTheCallbackTwiceWithTheirHgetallReplies) {
   RunOn(1, "HSET h:1 f1 a");
   RunOn(1, "HSET h:2 f2 b");
-  EXPECT_EQ(tqredis_scan_key_pattern(1, "h:*", 10, Callback, kCbArg, 1), 0);
+  EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_CE_GLOBAL, "h:*", 10, Callback,
+                                     kCbArg, 1),
+            0);
   ASSERT_EQ(g_seen.size(), 4u);
   const std::string first = g_seen[0].key;
   const std::string second = first == "h:1" ? "h:2" : "h:1";
@@ -375,7 +392,9 @@ TEST_F(Scan, ReplayOfTwoHashKeysCallsTheCallbackTwiceWithTheirHgetallReplies) {
 
 TEST_F(Scan, ReplayOfSetKeysReadsTheirMembers) {
   RunOn(0, "SADD set:1 m1 m2");
-  EXPECT_EQ(tqredis_scan_key_pattern(0, "set:*", 10, Callback, kCbArg, 2), 0);
+  EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "set:*", 10,
+                                     Callback, kCbArg, 2),
+            0);
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].who, "cb");
   EXPECT_EQ(g_seen[0].cmd, 4);
@@ -386,7 +405,9 @@ TEST_F(Scan, ReplayOfSetKeysReadsTheirMembers) {
 
 TEST_F(Scan, ReplayOfKindThreeSendsOnlyTheScans) {
   MakeKeys(2, "k", 20);
-  EXPECT_EQ(tqredis_scan_key_pattern(2, "k*", 3, Callback, kCbArg, 3), 0);
+  EXPECT_EQ(
+      tqredis_scan_key_pattern(TQREDIS_DB_HOST, "k*", 3, Callback, kCbArg, 3),
+      0);
   EXPECT_TRUE(g_seen.empty());
   EXPECT_GT(CommandCalls(2, "scan"), 1);
   for (const char *read : {"get", "hgetall", "smembers"})
@@ -397,7 +418,9 @@ TEST_F(Scan, ReplaySkipsAKeyWhoseValueCannotBeRead) {
   RunOn(0, "SET m:string v");
   RunOn(0, "HSET m:hash f v");
   std::string log = Logged(TQREDIS_LOG_DATA, [] {
-    EXPECT_EQ(tqredis_scan_key_pattern(0, "m:*", 10, Callback, kCbArg, 0), 0);
+    EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "m:*", 10,
+                                       Callback, kCbArg, 0),
+              0);
   });
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].key, "m:string");
@@ -412,7 +435,9 @@ TEST_F(Scan, ReplaySkipsAKeyWhoseValueCannotBeRead) {
 TEST_F(Scan, ReplayedKeyLongerThan127CharactersReachesTheCallbackCut) {
   const std::string key(200, 'y');
   RunOn(2, "SET %s v", key.c_str());
-  EXPECT_EQ(tqredis_scan_key_pattern(2, "y*", 10, Callback, kCbArg, 0), 0);
+  EXPECT_EQ(
+      tqredis_scan_key_pattern(TQREDIS_DB_HOST, "y*", 10, Callback, kCbArg, 0),
+      0);
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].key, key.substr(0, 127));
   EXPECT_EQ(g_seen[1].key, key.substr(0, 127));
@@ -428,8 +453,12 @@ TEST_F(Scan, ErrorReplyToScanEndsBothWalksWithMinusOne) {
   ASSERT_EQ(acl->type, REDIS_REPLY_STATUS);
   std::vector<std::string> keys;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_scan_key_pattern(0, "k*", 10, Callback, kCbArg, 0), -1);
-    EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "k*", 10, Visit, &keys), -1);
+    EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "k*", 10, Callback,
+                                       kCbArg, 0),
+              -1);
+    EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "k*", 10,
+                                              Visit, &keys),
+              -1);
   });
   EXPECT_TRUE(g_seen.empty());
   EXPECT_TRUE(keys.empty());
@@ -452,7 +481,8 @@ TEST_F(Scan, DeleteOfExpiringKeysDeletesOnlyTheKeyWithATimeToLive) {
                 },
                 nullptr),
             0);
-  EXPECT_EQ(tqredis_del_expire_key_pattern(0, "e:*", 100), 0);
+  EXPECT_EQ(tqredis_del_expire_key_pattern(TQREDIS_DB_DE_GLOBAL, "e:*", 100),
+            0);
   tqredis_commit_command_all();
   EXPECT_EQ(RunOn(0, "EXISTS e:a")->integer, 0);
   EXPECT_EQ(RunOn(0, "EXISTS e:b")->integer, 1);
@@ -464,7 +494,8 @@ TEST_F(Scan, PexpireOverHundredsOfKeysGivesEachMatchingKeyTheTime) {
   MakeKeys(1, "p:", 300);
   MakeKeys(1, "q:", 10);
   // The time comes before the count.
-  EXPECT_EQ(tqredis_pexpire_key_pattern(1, "p:*", 60000, 5), 0);
+  EXPECT_EQ(tqredis_pexpire_key_pattern(TQREDIS_DB_CE_GLOBAL, "p:*", 60000, 5),
+            0);
   EXPECT_EQ(CommandCalls(1, "pexpire"), 300);
   EXPECT_EQ(ScanRecords(), CommandCalls(1, "scan"));
   EXPECT_GT(CommandCalls(1, "scan"), 30);
@@ -480,36 +511,21 @@ TEST_F(Scan, PexpireOverHundredsOfKeysGivesEachMatchingKeyTheTime) {
 
 TEST_F(Scan, PexpireWalkSendsATimeOfZeroAsItIs) {
   MakeKeys(2, "z:", 5);
-  EXPECT_EQ(tqredis_pexpire_key_pattern(2, "z:*", 0, 10), 0);
+  EXPECT_EQ(tqredis_pexpire_key_pattern(TQREDIS_DB_HOST, "z:*", 0, 10), 0);
   EXPECT_EQ(CommandCalls(2, "pexpire"), 5);
   EXPECT_EQ(RunOn(2, "DBSIZE")->integer, 0);  // a time of 0 deletes
 }
 
 // ---- Replies a stock server never gives ------------------------------------
 
-class ScanPeer : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-  }
-  // Starts the scripted database 0, then connects.
-  void Serve(std::vector<ReplyPeer::Rule> rules) {
-    peer_ =
-        std::make_unique<ReplyPeer>(tqtest::kSocketPaths[0], std::move(rules));
-    ASSERT_TRUE(peer_->listening());
-    Connect();
-  }
-  tqtest::DeviceServers servers_;
-  std::unique_ptr<ReplyPeer> peer_;
-};
-
 TEST_F(ScanPeer, CursorIsReadInAnyBaseAndSentBackInDecimal) {
   Serve({{"SCAN ",
           {"*2\r\n$4\r\n0x1f\r\n*1\r\n$2\r\nk1\r\n",
            "*2\r\n$1\r\n0\r\n*1\r\n$2\r\nk2\r\n"}}});
   std::vector<std::string> keys;
-  EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "k*", 5, Visit, &keys), 0);
+  EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "k*", 5,
+                                            Visit, &keys),
+            0);
   EXPECT_EQ(keys, (std::vector<std::string>{"k1", "k2"}));
   EXPECT_EQ(peer_->Commands("SCAN"),
             (std::vector<std::string>{"SCAN 0 MATCH k* COUNT 5",
@@ -522,7 +538,9 @@ TEST_F(ScanPeer, BadKeyListEndsTheWalkAfterTheKeysOfEarlierCalls) {
            "*2\r\n$1\r\n0\r\n:7\r\n"}}});
   std::vector<std::string> keys;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&keys] {
-    EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "k*", 5, Visit, &keys), -1);
+    EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "k*", 5,
+                                              Visit, &keys),
+              -1);
   });
   EXPECT_EQ(keys, (std::vector<std::string>{"k1", "k2"}));
   EXPECT_EQ(ScanRecords(), 2);  // the hook saw the second call before its keys
@@ -536,7 +554,9 @@ TEST_F(ScanPeer, BadKeyListSkipsThatPageOfTheReplay) {
   Serve({{"SCAN ",
           {"*2\r\n$1\r\n5\r\n:7\r\n", "*2\r\n$1\r\n0\r\n*1\r\n$2\r\nk3\r\n"}},
          {"GET k3", {"$2\r\nv3\r\n"}}});
-  EXPECT_EQ(tqredis_scan_key_pattern(0, "k*", 5, Callback, kCbArg, 0), 0);
+  EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "k*", 5, Callback,
+                                     kCbArg, 0),
+            0);
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].key, "k3");
   EXPECT_EQ(g_seen[0].value, "v3");
@@ -546,7 +566,9 @@ TEST_F(ScanPeer, BadKeyListSkipsThatPageOfTheReplay) {
 TEST_F(ScanPeer, ErrorOnALaterScanEndsTheReplayAfterKeysAlreadyDelivered) {
   Serve({{"SCAN ", {"*2\r\n$1\r\n4\r\n*1\r\n$2\r\nk1\r\n", "-ERR gone\r\n"}},
          {"GET k1", {"$2\r\nv1\r\n"}}});
-  EXPECT_EQ(tqredis_scan_key_pattern(0, "k*", 5, Callback, kCbArg, 0), -1);
+  EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "k*", 5, Callback,
+                                     kCbArg, 0),
+            -1);
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].key, "k1");
 }
@@ -555,10 +577,14 @@ TEST_F(ScanPeer, KeyElementsWithoutTextAreSkipped) {
   Serve({{"SCAN ", {"*2\r\n$1\r\n0\r\n*2\r\n:5\r\n$2\r\nk1\r\n"}},
          {"GET k1", {"$2\r\nv1\r\n"}}});
   std::vector<std::string> keys;
-  EXPECT_EQ(tqredis_key_pattern_walkthrough(0, "k*", 5, Visit, &keys), 0);
+  EXPECT_EQ(tqredis_key_pattern_walkthrough(TQREDIS_DB_DE_GLOBAL, "k*", 5,
+                                            Visit, &keys),
+            0);
   EXPECT_EQ(keys, std::vector<std::string>{"k1"});
   g_seen.clear();
-  EXPECT_EQ(tqredis_scan_key_pattern(0, "k*", 5, Callback, kCbArg, 0), 0);
+  EXPECT_EQ(tqredis_scan_key_pattern(TQREDIS_DB_DE_GLOBAL, "k*", 5, Callback,
+                                     kCbArg, 0),
+            0);
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].key, "k1");
   EXPECT_EQ(peer_->Commands("GET"), std::vector<std::string>{"GET k1"});

@@ -9,8 +9,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "records/records.h"
 #include "pubsub/pump.h"
+#include "records/records.h"
 #include "support/emulator.h"
 #include "support/logged.h"
 #include "support/servers.h"
@@ -69,7 +69,8 @@ int ProcessHook(tqredis_pmsg *pmsg, void *arg) {
 // Reads the key back through the library from inside the hook, which runs
 // with the global lock held.
 int ReadingHook(tqredis_pmsg *pmsg, void *) {
-  redisReply *reply = tqredis_db_command(2, 0, -1, 0, "GET %s", pmsg->key);
+  redisReply *reply = tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1,
+                                         0, "GET %s", pmsg->key);
   Seen seen{"read", pmsg->db, pmsg->key, pmsg->cmd, Render(reply), 0};
   g_seen.push_back(seen);
   tqredis_free_reply(reply);
@@ -99,7 +100,8 @@ class Pump : public ::testing::Test {
     ASSERT_EQ(tqredis_init(entries.data(), static_cast<int>(entries.size()),
                            IgnoreDataCheck, 2),
               0);
-    tqredis_free_reply(tqredis_db_command(2, 0, -1, 0, "PING"));
+    tqredis_free_reply(
+        tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING"));
     tqredis_db_psubscrible();
   }
 
@@ -351,7 +353,8 @@ TEST_F(Pump, LosingTheLivePubsubConnectionEndsTheProcessAfterCopyingTheLog) {
 
 TEST_F(Pump, IdleWaitFlushesPipelinedWrites) {
   Subscribe({Entry(2, "k*", SubscriptionHook)});
-  tqredis_db_command(2, 1, -1, 0, "SET %s %s", "idle", "flushed");
+  tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, 0, "SET %s %s",
+                     "idle", "flushed");
   auto direct = tqtest::Direct(2);
   auto before = tqtest::Run(direct.get(), "EXISTS idle");
   ASSERT_NE(before, nullptr);
@@ -397,13 +400,14 @@ TEST_F(Pump, FileDescriptorsOfConnectedPubsubSlotsAreWaitedFor) {
   fd_set set;
   int highest = -1;
   for (uint32_t db = 0; db < 3; ++db) {
-    const int fd = tqredis_get_context(db, 2)->fd;
+    const int fd = tqredis_get_context(db, TQREDIS_OP_PUBSUB)->fd;
     if (fd > highest) highest = fd;
   }
   EXPECT_EQ(tqredis_reste_fdset(&set), highest);
   for (uint32_t db = 0; db < 3; ++db)
-    EXPECT_TRUE(FD_ISSET(tqredis_get_context(db, 2)->fd, &set));
-  EXPECT_FALSE(FD_ISSET(tqredis_get_context(2, 0)->fd, &set));
+    EXPECT_TRUE(FD_ISSET(tqredis_get_context(db, TQREDIS_OP_PUBSUB)->fd, &set));
+  EXPECT_FALSE(FD_ISSET(
+      tqredis_get_context(TQREDIS_DB_HOST, TQREDIS_OP_READ)->fd, &set));
 }
 
 // Hardening: FD_SET beyond the set's size would write past it.
@@ -414,7 +418,7 @@ TEST_F(Pump, PubsubDescriptorBeyondTheFdSetIsLeftOutOfTheWait) {
   while (dup(0) < FD_SETSIZE) {
   }
   Subscribe({Entry(2, "k*", SubscriptionHook)});
-  const int fd = tqredis_get_context(2, 2)->fd;
+  const int fd = tqredis_get_context(TQREDIS_DB_HOST, TQREDIS_OP_PUBSUB)->fd;
   ASSERT_GE(fd, FD_SETSIZE);
   fd_set set;
   std::string log = tqtest::Logged(

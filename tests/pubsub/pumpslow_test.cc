@@ -17,7 +17,8 @@ TEST(IdleStatistics, SixHundredIdleWaitsWriteTheStatisticsOnce) {
   tqtest::DeviceEmulator emulator;
   ASSERT_TRUE(emulator.Start());
   tqredis_init(nullptr, 0, IgnoreDataCheck, 2);
-  tqredis_free_reply(tqredis_db_command(2, 0, -1, 0, "PING"));
+  tqredis_free_reply(
+      tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING"));
   auto direct = tqtest::Direct(2);
   for (int i = 0; i < 599; ++i) ASSERT_EQ(tqredis_pubsub(), 0);
   EXPECT_EQ(g_tqredis_idle_ticks, 599);

@@ -46,7 +46,8 @@ pubsub_mng Entry(uint32_t db, const char *pattern) {
 
 // Runs one command on redis_host, which connects every slot that can be.
 void ConnectAll() {
-  tqredis_free_reply(tqredis_db_command(2, 0, -1, 0, "PING"));
+  tqredis_free_reply(
+      tqredis_db_command(TQREDIS_DB_HOST, TQREDIS_OP_READ, -1, 0, "PING"));
 }
 
 void Pass() { tqredis_db_psubscrible(); }
@@ -278,8 +279,8 @@ TEST_F(Subscribing, ClearingFlagsOfAConnectedDatabaseIsRefusedAndKeepsThem) {
   ASSERT_NE(listing.find("key_pattern=b* flag=1\r\n"), std::string::npos);
   const std::string log = Logged(kAllButData, [] {
     tqredis_lock();
-    tqredis_psubflag_clear(0);
-    tqredis_psubflag_clear(2);
+    tqredis_psubflag_clear(TQREDIS_DB_DE_GLOBAL);
+    tqredis_psubflag_clear(TQREDIS_DB_HOST);
     tqredis_unlock();
   });
   EXPECT_EQ(
@@ -302,8 +303,8 @@ TEST_F(Subscribing, ClearingFlagsOfAnUnconnectedDatabaseMakesItsCheckDueAgain) {
   g_tqredis_datacheck[2] = 1;
   const std::string log = Logged(kAllButData, [] {
     tqredis_lock();
-    tqredis_psubflag_clear(1);
-    tqredis_psubflag_clear(2);
+    tqredis_psubflag_clear(TQREDIS_DB_CE_GLOBAL);
+    tqredis_psubflag_clear(TQREDIS_DB_HOST);
     tqredis_unlock();
   });
   EXPECT_EQ(log, "");
@@ -317,8 +318,8 @@ TEST_F(Subscribing, ClearingFlagsOfAnUnconnectedDatabaseMakesItsCheckDueAgain) {
             "redis_host datacheck: 0\r\n"
             "redis_host pubsublist:\r\n");
   tqredis_lock();
-  EXPECT_EQ(tqredis_db_need_data_check(2), 1);
-  EXPECT_EQ(tqredis_db_need_data_check(2), 0);
+  EXPECT_EQ(tqredis_db_need_data_check(TQREDIS_DB_HOST), 1);
+  EXPECT_EQ(tqredis_db_need_data_check(TQREDIS_DB_HOST), 0);
   tqredis_unlock();
 }
 
@@ -433,8 +434,10 @@ TEST(SubscribingLate, DatabaseDownAtStartIsSubscribedAndCheckedOnceItComesUp) {
   ASSERT_EQ(tqredis_init(table, 2, RecordCheck, 2), 0);
   tqredis_get_cardinfo();
   ConnectAll();
-  ASSERT_EQ(tqredis_db_is_connected(1, 2), 0);
-  ASSERT_EQ(tqredis_db_is_connected(0, 2), 1);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_PUBSUB),
+            0);
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_DE_GLOBAL, TQREDIS_OP_PUBSUB),
+            1);
 
   EXPECT_EQ(Logged(kAllButData, Pass),
             Checked("redis_de_global") + NotConnected("redis_ce_global") +
@@ -442,8 +445,10 @@ TEST(SubscribingLate, DatabaseDownAtStartIsSubscribedAndCheckedOnceItComesUp) {
   EXPECT_EQ(g_checked, (std::vector<uint32_t>{0, 2}));
 
   ASSERT_EQ(emulator.Ctl({"clear", "all"}).exit_code, 0);
-  tqredis_free_reply(tqredis_db_command(1, 0, -1, 0, "PING"));
-  ASSERT_EQ(tqredis_db_is_connected(1, 2), 1);
+  tqredis_free_reply(
+      tqredis_db_command(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_READ, -1, 0, "PING"));
+  ASSERT_EQ(tqredis_db_is_connected(TQREDIS_DB_CE_GLOBAL, TQREDIS_OP_PUBSUB),
+            1);
 
   EXPECT_EQ(Logged(kAllButData, Pass),
             Subscribed("redis_ce_global", "dev:*") +

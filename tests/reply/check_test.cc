@@ -6,39 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "support/logged.h"
 #include "support/support.h"
 #include "tqredis.h"
 
+using tqtest::Dumped;
+using tqtest::Logged;
 using tqtest::ParseReply;
-using tqtest::StdoutCapture;
 
 namespace {
-
-// The console lines logged by a call, with "[check_test]<func, N>:" reduced
-// to "<func>:" so that tests read the messages themselves.
-std::string Messages(const std::string &out) {
-  return std::regex_replace(out, std::regex(R"(\[check_test\]<(\w+), \d+>:)"), "<$1>:");
-}
-
-template <typename F>
-std::string Logged(F &&call) {
-  g_tqredis_dbg_level = TQREDIS_LOG_DATA;
-  StdoutCapture capture;
-  call();
-  const std::string out = capture.Finish();
-  g_tqredis_dbg_level = 0;
-  return Messages(out);
-}
-
-template <typename F>
-std::string Printed(F &&call) {
-  g_tqredis_dbg_level = TQREDIS_LOG_DUMP;
-  StdoutCapture capture;
-  call();
-  const std::string out = capture.Finish();
-  g_tqredis_dbg_level = 0;
-  return out;
-}
 
 redisReply Bare(int type) {
   redisReply r{};
@@ -53,7 +29,7 @@ redisReply Bare(int type) {
 TEST(CheckReply, EmptyArrayIsUsableButLogsElementsZero) {
   auto r = ParseReply("*0\r\n");
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(r.get()); }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(r.get()); }),
             "<check_reply>:elements zero\r\n");
   EXPECT_EQ(usable, 1);
 }
@@ -61,15 +37,16 @@ TEST(CheckReply, EmptyArrayIsUsableButLogsElementsZero) {
 TEST(CheckReply, ArrayHoldingANilIsUnusableAndNamesTheIndex) {
   auto r = ParseReply("*3\r\n$1\r\na\r\n$-1\r\n$1\r\nc\r\n");
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(r.get()); }),
-            "<check_reply>:reply nil\r\n<check_reply>:array reply element[1] error\r\n");
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(r.get()); }),
+            "<check_reply>:reply nil\r\n<check_reply>:array reply element[1] "
+            "error\r\n");
   EXPECT_EQ(usable, 0);
 }
 
 TEST(CheckReply, StringWithoutTextIsUnusableAndLogsNothing) {
   redisReply r = Bare(REDIS_REPLY_STRING);
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(&r); }), "");
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(&r); }), "");
   EXPECT_EQ(usable, 0);
 }
 
@@ -78,30 +55,33 @@ TEST(CheckReply, StringIntegerAndStatusAreUsable) {
   auto empty = ParseReply("$0\r\n\r\n");
   auto i = ParseReply(":-7\r\n");
   auto st = ParseReply("+OK\r\n");
-  EXPECT_EQ(Logged([&] {
-              EXPECT_EQ(check_reply(s.get()), 1);
-              EXPECT_EQ(check_reply(empty.get()), 1);
-              EXPECT_EQ(check_reply(i.get()), 1);
-              EXPECT_EQ(check_reply(st.get()), 1);
-            }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA,
+                   [&] {
+                     EXPECT_EQ(check_reply(s.get()), 1);
+                     EXPECT_EQ(check_reply(empty.get()), 1);
+                     EXPECT_EQ(check_reply(i.get()), 1);
+                     EXPECT_EQ(check_reply(st.get()), 1);
+                   }),
             "");
 }
 
 TEST(CheckReply, ErrorIsUnusableWhateverItsText) {
   auto e = ParseReply("-ERR unknown command\r\n");
   auto ok = ParseReply("-OK\r\n");
-  std::string log = Logged([&] {
+  std::string log = Logged(TQREDIS_LOG_DATA, [&] {
     EXPECT_EQ(check_reply(e.get()), 0);
     EXPECT_EQ(check_reply(ok.get()), 0);
   });
-  EXPECT_EQ(log, "<check_reply>:command error: ERR unknown command\r\n"
-                 "<check_reply>:command error: OK\r\n");
+  EXPECT_EQ(log,
+            "<check_reply>:command error: ERR unknown command\r\n"
+            "<check_reply>:command error: OK\r\n");
 }
 
 TEST(CheckReply, NilIsUnusable) {
   auto r = ParseReply("$-1\r\n");
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(r.get()); }), "<check_reply>:reply nil\r\n");
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(r.get()); }),
+            "<check_reply>:reply nil\r\n");
   EXPECT_EQ(usable, 0);
 }
 
@@ -109,19 +89,21 @@ TEST(CheckReply, UnknownTypesAreUnusable) {
   redisReply zero = Bare(0);
   redisReply seven = Bare(7);
   redisReply huge = Bare(INT_MAX);
-  EXPECT_EQ(Logged([&] {
-              EXPECT_EQ(check_reply(&zero), 0);
-              EXPECT_EQ(check_reply(&seven), 0);
-              EXPECT_EQ(check_reply(&huge), 0);
-            }),
-            "<check_reply>:unknown reply type: 0\r\n<check_reply>:unknown reply type: 7\r\n"
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA,
+                   [&] {
+                     EXPECT_EQ(check_reply(&zero), 0);
+                     EXPECT_EQ(check_reply(&seven), 0);
+                     EXPECT_EQ(check_reply(&huge), 0);
+                   }),
+            "<check_reply>:unknown reply type: 0\r\n<check_reply>:unknown "
+            "reply type: 7\r\n"
             "<check_reply>:unknown reply type: 2147483647\r\n");
 }
 
 TEST(CheckReply, ErrorDeepInsideNestedArraysFailsEveryLevel) {
   auto r = ParseReply("*2\r\n:1\r\n*2\r\n+OK\r\n*1\r\n-ERR deep\r\n");
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(r.get()); }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(r.get()); }),
             "<check_reply>:command error: ERR deep\r\n"
             "<check_reply>:array reply element[0] error\r\n"
             "<check_reply>:array reply element[1] error\r\n"
@@ -132,15 +114,17 @@ TEST(CheckReply, ErrorDeepInsideNestedArraysFailsEveryLevel) {
 TEST(CheckReply, NestedEmptyArrayPassesButIsLogged) {
   auto r = ParseReply("*2\r\n*0\r\n$1\r\nx\r\n");
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = check_reply(r.get()); }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { usable = check_reply(r.get()); }),
             "<check_reply>:elements zero\r\n");
   EXPECT_EQ(usable, 1);
 }
 
 TEST(CheckReply, FirstBadElementStopsTheWalk) {
   auto r = ParseReply("*3\r\n$-1\r\n-ERR never seen\r\n:1\r\n");
-  EXPECT_EQ(Logged([&] { EXPECT_EQ(check_reply(r.get()), 0); }),
-            "<check_reply>:reply nil\r\n<check_reply>:array reply element[0] error\r\n");
+  EXPECT_EQ(
+      Logged(TQREDIS_LOG_DATA, [&] { EXPECT_EQ(check_reply(r.get()), 0); }),
+      "<check_reply>:reply nil\r\n<check_reply>:array reply element[0] "
+      "error\r\n");
 }
 
 TEST(CheckReply, NullReplyOrElementIsUnusableNotACrash) {
@@ -150,14 +134,17 @@ TEST(CheckReply, NullReplyOrElementIsUnusableNotACrash) {
   array.element = elements;
   redisReply no_vector = Bare(REDIS_REPLY_ARRAY);
   no_vector.elements = 3;
-  EXPECT_EQ(Logged([&] {
-              EXPECT_EQ(check_reply(nullptr), 0);
-              EXPECT_EQ(check_reply(&array), 0);
-              EXPECT_EQ(check_reply(&no_vector), 0);
-            }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA,
+                   [&] {
+                     EXPECT_EQ(check_reply(nullptr), 0);
+                     EXPECT_EQ(check_reply(&array), 0);
+                     EXPECT_EQ(check_reply(&no_vector), 0);
+                   }),
             "<check_reply>:reply = NULL\r\n"
-            "<check_reply>:reply = NULL\r\n<check_reply>:array reply element[0] error\r\n"
-            "<check_reply>:reply = NULL\r\n<check_reply>:array reply element[0] error\r\n");
+            "<check_reply>:reply = NULL\r\n<check_reply>:array reply "
+            "element[0] error\r\n"
+            "<check_reply>:reply = NULL\r\n<check_reply>:array reply "
+            "element[0] error\r\n");
 }
 
 TEST(CheckReply, DeepNestingIsWalkedToTheBottom) {
@@ -176,29 +163,33 @@ TEST(CheckReply, DeepNestingIsWalkedToTheBottom) {
 
 TEST(TqredisCheckReply, NullIsUnusableAndLogged) {
   int usable = -1;
-  EXPECT_EQ(Logged([&] { usable = tqredis_check_reply(nullptr); }),
-            "<tqredis_check_reply>:reply = NULL\r\n");
+  EXPECT_EQ(
+      Logged(TQREDIS_LOG_DATA, [&] { usable = tqredis_check_reply(nullptr); }),
+      "<tqredis_check_reply>:reply = NULL\r\n");
   EXPECT_EQ(usable, 0);
 }
 
 TEST(TqredisCheckReply, UsableReplyGivesOneAndPrintsNothing) {
   auto r = ParseReply("*2\r\n$1\r\na\r\n:2\r\n");
   int usable = -1;
-  EXPECT_EQ(Printed([&] { usable = tqredis_check_reply(r.get()); }), "");
+  EXPECT_EQ(Dumped([&] { usable = tqredis_check_reply(r.get()); }), "");
   EXPECT_EQ(usable, 1);
 }
 
 TEST(TqredisCheckReply, UnusableReplyIsDumpedAtLevelSixteen) {
   auto r = ParseReply("-ERR wrong\r\n");
   int usable = -1;
-  EXPECT_EQ(Printed([&] { usable = tqredis_check_reply(r.get()); }), "(error) ERR wrong\r\n");
+  EXPECT_EQ(Dumped([&] { usable = tqredis_check_reply(r.get()); }),
+            "(error) ERR wrong\r\n");
   EXPECT_EQ(usable, 0);
 }
 
 TEST(TqredisCheckReply, UnusableReplyIsNotDumpedWithoutLevelSixteen) {
   auto r = ParseReply("*1\r\n$-1\r\n");
-  EXPECT_EQ(Logged([&] { EXPECT_EQ(tqredis_check_reply(r.get()), 0); }),
-            "<check_reply>:reply nil\r\n<check_reply>:array reply element[0] error\r\n");
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA,
+                   [&] { EXPECT_EQ(tqredis_check_reply(r.get()), 0); }),
+            "<check_reply>:reply nil\r\n<check_reply>:array reply element[0] "
+            "error\r\n");
 }
 
 TEST(TqredisCheckReply, LeavesTheReplyToTheCaller) {
@@ -212,20 +203,23 @@ TEST(TqredisCheckReply, DataFaultGoesToTheUnlimitedLogWhenItsLevelIsOn) {
   tqredis_check_reply(nullptr);
   const std::string log = tqtest::ReadFile(tqtest::LogPath("unlimitlog"));
   EXPECT_TRUE(std::regex_match(
-      log, std::regex(R"(^\d{8}_\d{2}:\d{2}:\d{2}\.\d{6} \[check_test\]<tqredis_check_reply, \d+>:reply = NULL\r\n$)")))
+      log,
+      std::regex(
+          R"(^\d{8}_\d{2}:\d{2}:\d{2}\.\d{6} \[check_test\]<tqredis_check_reply, \d+>:reply = NULL\r\n$)")))
       << log;
 }
 
 // ---- tqredis_free_reply -----------------------------------------------------
 
 TEST(FreeReply, NullIsOnlyLogged) {
-  EXPECT_EQ(Logged([] { tqredis_free_reply(nullptr); }),
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [] { tqredis_free_reply(nullptr); }),
             "<tqredis_free_reply>:reply = NULL\r\n");
 }
 
 TEST(FreeReply, FreesAParsedReplyOnce) {
   auto r = ParseReply("*2\r\n$1\r\na\r\n*1\r\n:1\r\n");
-  EXPECT_EQ(Logged([&] { tqredis_free_reply(r.release()); }), "");
+  EXPECT_EQ(Logged(TQREDIS_LOG_DATA, [&] { tqredis_free_reply(r.release()); }),
+            "");
 }
 
 // ---- tqredis_print_reply ----------------------------------------------------
@@ -238,36 +232,43 @@ TEST(PrintReply, EachTypeHasItsFormatAndLineEnding) {
   auto st = ParseReply("+PONG\r\n");
   auto err = ParseReply("-ERR no\r\n");
   redisReply unknown = Bare(9);
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(s.get()); }), "(string) hello\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(e.get()); }), "(empty list or set)\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(i.get()); }), "(integer) 4294967297\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(n.get()); }), "(nil)\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(st.get()); }), "(status) PONG\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(err.get()); }), "(error) ERR no\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(&unknown); }), "Unknown reply type: 9\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(s.get()); }),
+            "(string) hello\r\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(e.get()); }),
+            "(empty list or set)\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(i.get()); }),
+            "(integer) 4294967297\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(n.get()); }), "(nil)\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(st.get()); }),
+            "(status) PONG\r\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(err.get()); }),
+            "(error) ERR no\r\n");
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(&unknown); }),
+            "Unknown reply type: 9\n");
 }
 
 TEST(PrintReply, NegativeIntegerIsPrintedInFull) {
   auto i = ParseReply(":-9223372036854775807\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(i.get()); }),
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(i.get()); }),
             "(integer) -9223372036854775807\n");
 }
 
 TEST(PrintReply, NullReplyPrintsItsOwnLine) {
-  EXPECT_EQ(Printed([] { tqredis_print_reply(nullptr); }), "reply = NULL\r\n");
+  EXPECT_EQ(Dumped([] { tqredis_print_reply(nullptr); }), "reply = NULL\r\n");
 }
 
 TEST(PrintReply, TwoLevelArrayPutsBothPrefixesOnOneLine) {
   auto r = ParseReply("*2\r\n$1\r\na\r\n*2\r\n$1\r\nb\r\n$1\r\nc\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(r.get()); }),
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(r.get()); }),
             "0) (string) a\r\n1) 0) (string) b\r\n1) (string) c\r\n");
 }
 
 TEST(PrintReply, MixedArrayKeepsEachElementsLineEnding) {
   auto r = ParseReply("*5\r\n:1\r\n$-1\r\n*0\r\n+OK\r\n-ERR x\r\n");
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(r.get()); }),
-            "0) (integer) 1\n1) (nil)\n2) (empty list or set)\n3) (status) OK\r\n"
-            "4) (error) ERR x\r\n");
+  EXPECT_EQ(
+      Dumped([&] { tqredis_print_reply(r.get()); }),
+      "0) (integer) 1\n1) (nil)\n2) (empty list or set)\n3) (status) OK\r\n"
+      "4) (error) ERR x\r\n");
 }
 
 TEST(PrintReply, NullElementsPrintAsNull) {
@@ -275,26 +276,27 @@ TEST(PrintReply, NullElementsPrintAsNull) {
   redisReply *elements[2] = {nullptr, nullptr};
   array.elements = 2;
   array.element = elements;
-  EXPECT_EQ(Printed([&] { tqredis_print_reply(&array); }),
+  EXPECT_EQ(Dumped([&] { tqredis_print_reply(&array); }),
             "0) reply = NULL\r\n1) reply = NULL\r\n");
 }
 
 TEST(PrintReply, NothingWithoutLevelSixteen) {
   auto r = ParseReply("*2\r\n$1\r\na\r\n*1\r\n:1\r\n");
-  g_tqredis_dbg_level = 0xffffffffu & ~static_cast<uint32_t>(TQREDIS_LOG_DUMP);
-  StdoutCapture capture;
-  tqredis_print_reply(r.get());
-  tqredis_print_reply(nullptr);
-  const std::string out = capture.Finish();
-  g_tqredis_dbg_level = 0;
-  EXPECT_EQ(out, "");
+  const uint32_t all_but_dump =
+      0xffffffffu & ~static_cast<uint32_t>(TQREDIS_LOG_DUMP);
+  EXPECT_EQ(Logged(all_but_dump,
+                   [&] {
+                     tqredis_print_reply(r.get());
+                     tqredis_print_reply(nullptr);
+                   }),
+            "");
 }
 
 TEST(PrintReply, NeverWritesTheLogFiles) {
   tqredis_dbg_cfg(1, 31);
   const std::string limited = tqtest::ReadFile(tqtest::LogPath("limitlog"));
   auto r = ParseReply("-ERR x\r\n");
-  Printed([&] { tqredis_print_reply(r.get()); });
+  Dumped([&] { tqredis_print_reply(r.get()); });
   EXPECT_EQ(tqtest::ReadFile(tqtest::LogPath("unlimitlog")), "");
   EXPECT_EQ(tqtest::ReadFile(tqtest::LogPath("limitlog")), limited);
 }
@@ -304,14 +306,16 @@ TEST(PrintReply, NeverWritesTheLogFiles) {
 TEST(ConvertReply, IntegerKeepsTheLowThirtyTwoBits) {
   auto r = ParseReply(":4294967297\r\n");  // 2^32 + 1
   int value = -5;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
   EXPECT_EQ(value, 1);
 }
 
 TEST(ConvertReply, NegativeIntegerStaysNegative) {
   auto r = ParseReply(":-42\r\n");
   int value = 0;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
   EXPECT_EQ(value, -42);
 }
 
@@ -320,32 +324,41 @@ TEST(ConvertReply, StringIsReadInTheGivenBase) {
   auto hex = ParseReply("$4\r\n0x1f\r\n");
   auto oct = ParseReply("$3\r\n010\r\n");
   int value = 0;
-  EXPECT_EQ(tqredis_convert_reply_value(dec.get(), 0, &value, 10, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(dec.get(), 0, &value, 10, nullptr, nullptr),
+      0);
   EXPECT_EQ(value, 123);
-  EXPECT_EQ(tqredis_convert_reply_value(hex.get(), 0, &value, 16, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(hex.get(), 0, &value, 16, nullptr, nullptr),
+      0);
   EXPECT_EQ(value, 31);
-  EXPECT_EQ(tqredis_convert_reply_value(oct.get(), 0, &value, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(oct.get(), 0, &value, 0, nullptr, nullptr),
+      0);
   EXPECT_EQ(value, 8);
 }
 
 TEST(ConvertReply, NonNumericTextGivesZero) {
   auto r = ParseReply("$5\r\nhello\r\n");
   int value = 99;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
   EXPECT_EQ(value, 0);
 }
 
 TEST(ConvertReply, StatusTextIsConvertedToo) {
   auto r = ParseReply("+17\r\n");
   int value = 0;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(r.get(), 0, &value, 10, nullptr, nullptr), 0);
   EXPECT_EQ(value, 17);
 }
 
 TEST(ConvertReply, InvalidBaseGivesZeroNotACrash) {
   auto r = ParseReply("$2\r\n12\r\n");
   int value = 99;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 0, &value, -3, nullptr, nullptr), 0);
+  EXPECT_EQ(
+      tqredis_convert_reply_value(r.get(), 0, &value, -3, nullptr, nullptr), 0);
   EXPECT_EQ(value, 0);
 }
 
@@ -354,7 +367,8 @@ TEST(ConvertReply, StringKindPointsIntoTheReply) {
   auto r = ParseReply(std::string_view(kResp, sizeof(kResp) - 1));
   char *text = nullptr;
   int len = -1;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 1, nullptr, 0, &text, &len), 0);
+  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 1, nullptr, 0, &text, &len),
+            0);
   EXPECT_EQ(text, r->str);
   EXPECT_EQ(len, 6);
 }
@@ -363,7 +377,8 @@ TEST(ConvertReply, StringKindDoesNotLookAtTheType) {
   auto r = ParseReply(":5\r\n");
   char *text = reinterpret_cast<char *>(1);
   int len = -1;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 1, nullptr, 0, &text, &len), 0);
+  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 1, nullptr, 0, &text, &len),
+            0);
   EXPECT_EQ(text, nullptr);
   EXPECT_EQ(len, 0);
 }
@@ -374,8 +389,10 @@ TEST(ConvertReply, OtherKindIsRefusedAndTouchesNoOutput) {
   char sentinel = 0;
   char *text = &sentinel;
   int len = 88;
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 2, &value, 10, &text, &len), -1);
-  EXPECT_EQ(tqredis_convert_reply_value(r.get(), -1, &value, 10, &text, &len), -1);
+  EXPECT_EQ(tqredis_convert_reply_value(r.get(), 2, &value, 10, &text, &len),
+            -1);
+  EXPECT_EQ(tqredis_convert_reply_value(r.get(), -1, &value, 10, &text, &len),
+            -1);
   EXPECT_EQ(value, 77);
   EXPECT_EQ(text, &sentinel);
   EXPECT_EQ(len, 88);
@@ -386,18 +403,25 @@ TEST(ConvertReply, MissingReplyOutputOrTextIsRefusedAndLogged) {
   auto s = ParseReply("$1\r\n1\r\n");
   int value = 77;
   char *text = nullptr;
-  g_tqredis_dbg_level = TQREDIS_LOG_ERROR;
-  StdoutCapture capture;
-  EXPECT_EQ(tqredis_convert_reply_value(nullptr, 0, &value, 10, nullptr, nullptr), -2);
-  EXPECT_EQ(tqredis_convert_reply_value(nil.get(), 0, &value, 10, nullptr, nullptr), -2);
-  EXPECT_EQ(tqredis_convert_reply_value(s.get(), 0, nullptr, 10, nullptr, nullptr), -2);
-  EXPECT_EQ(tqredis_convert_reply_value(s.get(), 1, nullptr, 10, &text, nullptr), -2);
-  const std::string out = Messages(capture.Finish());
-  g_tqredis_dbg_level = 0;
+  const std::string out = Logged(TQREDIS_LOG_ERROR, [&] {
+    EXPECT_EQ(
+        tqredis_convert_reply_value(nullptr, 0, &value, 10, nullptr, nullptr),
+        -2);
+    EXPECT_EQ(
+        tqredis_convert_reply_value(nil.get(), 0, &value, 10, nullptr, nullptr),
+        -2);
+    EXPECT_EQ(
+        tqredis_convert_reply_value(s.get(), 0, nullptr, 10, nullptr, nullptr),
+        -2);
+    EXPECT_EQ(
+        tqredis_convert_reply_value(s.get(), 1, nullptr, 10, &text, nullptr),
+        -2);
+  });
   EXPECT_EQ(value, 77);
-  EXPECT_EQ(out,
-            "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
-            "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
-            "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
-            "<tqredis_convert_reply_value>:input arguments invalid, valtype=1\r\n");
+  EXPECT_EQ(
+      out,
+      "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
+      "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
+      "<tqredis_convert_reply_value>:input arguments invalid, valtype=0\r\n"
+      "<tqredis_convert_reply_value>:input arguments invalid, valtype=1\r\n");
 }

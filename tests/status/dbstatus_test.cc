@@ -3,7 +3,6 @@
 // short and refused arguments against a scripted database, and a stock
 // server that does not know the query.
 #include <cstring>
-#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -11,17 +10,16 @@
 #include <gtest/gtest.h>
 
 #include "connect/cardinfo.h"
-#include "support/reply_peer.h"
-#include "support/server_side.h"
 #include "support/emulator.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
+#include "support/server_side.h"
 #include "support/servers.h"
 #include "tqredis.h"
 
 using tqredis::detail::g_tqredis_cardinfo;
 
 using tqtest::Logged;
-using tqtest::ReplyPeer;
 using tqtest::WithoutTimes;
 
 namespace {
@@ -50,13 +48,6 @@ std::string ServerField(int db, const std::string &name,
   return std::regex_search(found, f, field) ? f[2].str() : "?";
 }
 
-void Connect() {
-  tqredis_init(nullptr, 0, nullptr, 2);
-  // Connected and with the card information read: no command waits.
-  tqredis_db_connect();
-  tqredis_get_cardinfo();
-}
-
 class Dbstatus : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -80,7 +71,7 @@ TEST_F(Dbstatus, OwnProcessShowsReadAndPubsubOnlineWithTheirFigures) {
   Records r;
   int rv = -1;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    rv = tqredis_get_proc_dbstatus(2, g_tqredis_proc_name, r.st);
+    rv = tqredis_get_proc_dbstatus(TQREDIS_DB_HOST, g_tqredis_proc_name, r.st);
   });
   ASSERT_EQ(rv, 0);
   const std::string proc = g_tqredis_proc_name;
@@ -127,7 +118,7 @@ TEST_F(Dbstatus, ProcessNobodyUsesIsOfflineEverywhere) {
   Records r;
   int rv = -1;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    rv = tqredis_get_proc_dbstatus(0, "nobody", r.st);
+    rv = tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "nobody", r.st);
   });
   EXPECT_EQ(rv, 0);
   for (const tqredis_client_status &s : r.st) EXPECT_EQ(s.online, 0);
@@ -146,9 +137,11 @@ TEST_F(Dbstatus, EmptyOrNullArgumentsAreRefusedWithoutAnyQuery) {
   Records r;
   std::vector<int> rv;
   const std::string log = Logged(TQREDIS_LOG_DATA | TQREDIS_LOG_ERROR, [&] {
-    rv.push_back(tqredis_get_proc_dbstatus(0, "", r.st));
-    rv.push_back(tqredis_get_proc_dbstatus(0, nullptr, r.st));
-    rv.push_back(tqredis_get_proc_dbstatus(0, "nobody", nullptr));
+    rv.push_back(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "", r.st));
+    rv.push_back(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, nullptr, r.st));
+    rv.push_back(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "nobody", nullptr));
   });
   EXPECT_EQ(rv, std::vector<int>(3, -2));
   EXPECT_EQ(log,
@@ -179,22 +172,13 @@ TEST_F(Dbstatus, DatabaseThreeIsRefusedByTheCommandPathAndReadsOffline) {
   }
 }
 
+namespace {
+
 // A scripted database 0, for status lines no server writes.
-class DbstatusPeer : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(servers_.Start(1));
-    ASSERT_TRUE(servers_.Start(2));
-  }
-  void Serve(std::vector<ReplyPeer::Rule> rules) {
-    peer_ =
-        std::make_unique<ReplyPeer>(tqtest::kSocketPaths[0], std::move(rules));
-    ASSERT_TRUE(peer_->listening());
-    Connect();
-  }
-  tqtest::DeviceServers servers_;
-  std::unique_ptr<ReplyPeer> peer_;
-};
+class DbstatusPeer : public tqtest::ScriptedDatabase {};
+
+// A stock server has no client-list query by name.
+class DbstatusStock : public tqtest::ConnectedDevice {};
 
 std::string Bulk(const std::string &s) {
   return "$" + std::to_string(s.size()) + "\r\n" + s + "\r\n";
@@ -206,6 +190,8 @@ const char kLine[] =
     "in_bytes=300 out_bytes=200 in_bps=0 out_bps=0 qbuf=0 qbuf-free=0 obl=0 "
     "oll=0 omem=0 events=r cmd=psubscribe\n";
 
+}  // namespace
+
 TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
   const std::string cut =
       "id=4 addr=/tmp/redis/redis_de_global.sock:0 fd=11 name=p-read age=1 "
@@ -216,7 +202,7 @@ TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
          {"CLIENT LIST p-pubsub", {Bulk(kLine)}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 1);
@@ -230,7 +216,7 @@ TEST_F(DbstatusPeer, LineCutShortAfterOmemIsOfflineWithItsCount) {
 TEST_F(DbstatusPeer, MasterCardAsksOnlyForReadAndPubsub) {
   Serve({{"CLIENT LIST ", {Bulk("offline")}}});
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   EXPECT_EQ(
       peer_->Commands("CLIENT LIST"),
       (std::vector<std::string>{"CLIENT LIST p-read", "CLIENT LIST p-pubsub"}));
@@ -242,7 +228,7 @@ TEST_F(DbstatusPeer, CardThatIsNotTheMasterAsksForItsWriteClientToo) {
          {"CLIENT LIST ", {Bulk("offline")}}});
   g_tqredis_cardinfo.my_node = 1;  // the master stays node 0
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   EXPECT_EQ(
       peer_->Commands("CLIENT LIST"),
       (std::vector<std::string>{"CLIENT LIST p-read", "CLIENT LIST p-write",
@@ -255,7 +241,7 @@ TEST_F(DbstatusPeer, CardThatIsNotTheMasterAsksForItsWriteClientToo) {
 TEST_F(DbstatusPeer, EmptyProcSendsNothing) {
   Serve({});
   Records r;
-  EXPECT_EQ(tqredis_get_proc_dbstatus(0, "", r.st), -2);
+  EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "", r.st), -2);
   EXPECT_TRUE(peer_->Commands("CLIENT LIST").empty());
 }
 
@@ -263,7 +249,7 @@ TEST_F(DbstatusPeer, EmptyReplyIsOffline) {
   Serve({{"CLIENT LIST ", {Bulk("")}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 0);
@@ -278,7 +264,7 @@ TEST_F(DbstatusPeer, StatusReplyIsAFailedQuery) {
   Serve({{"CLIENT LIST ", {"+OK\r\n"}}});
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, "p", r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, "p", r.st), 0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_NE(
@@ -288,14 +274,13 @@ TEST_F(DbstatusPeer, StatusReplyIsAFailedQuery) {
       << log;
 }
 
-// A stock server has no client-list query by name: it answers an error.
-TEST(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
-  tqtest::DeviceServers servers;
-  ASSERT_TRUE(servers.StartAll());
-  Connect();
+// The stock server answers the query by name with an error.
+TEST_F(DbstatusStock, ServerWithoutTheQueryLeavesEveryClientOffline) {
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(1, g_tqredis_proc_name, r.st), 0);
+    EXPECT_EQ(tqredis_get_proc_dbstatus(TQREDIS_DB_CE_GLOBAL,
+                                        g_tqredis_proc_name, r.st),
+              0);
   });
   EXPECT_EQ(r.st[0].online, 0);
   EXPECT_EQ(r.st[2].online, 0);
@@ -313,7 +298,8 @@ TEST_F(DbstatusPeer, LongProcessNameIsTracedCutAndQueriedWhole) {
   const std::string proc(200, 'p');
   Records r;
   const std::string log = Logged(TQREDIS_LOG_DATA, [&] {
-    EXPECT_EQ(tqredis_get_proc_dbstatus(0, proc.c_str(), r.st), 0);
+    EXPECT_EQ(
+        tqredis_get_proc_dbstatus(TQREDIS_DB_DE_GLOBAL, proc.c_str(), r.st), 0);
   });
   EXPECT_NE(WithoutTimes(log).find("clientlistname " + std::string(126, 'p') +
                                    " flag=0 tid=0\r\n"),

@@ -36,6 +36,17 @@ std::string Printed(F &&call) {
   return capture.Finish();
 }
 
+// Runs `call` with only the reply dump on the console and returns the dump
+// as printed.
+template <typename F>
+std::string Dumped(F &&call) {
+  const uint32_t saved = g_tqredis_dbg_level;
+  g_tqredis_dbg_level = TQREDIS_LOG_DUMP;
+  const std::string out = Printed(call);
+  g_tqredis_dbg_level = saved;
+  return out;
+}
+
 // The eight field lines of slot [op][db] in the statistics dump.
 inline std::string SlotDump(const char *op, const char *db) {
   const std::string dump = Printed([] { tqredis_basic_stats_show(); });
@@ -44,7 +55,8 @@ inline std::string SlotDump(const char *op, const char *db) {
   if (at == std::string::npos) return "";
   const auto from = at + header.size();
   const auto next = dump.find("    [", from);
-  return dump.substr(from, next == std::string::npos ? std::string::npos : next - from);
+  return dump.substr(
+      from, next == std::string::npos ? std::string::npos : next - from);
 }
 
 }  // namespace tqtest
