@@ -86,8 +86,9 @@ done
 export GLIBCXX_FORCE_NEW=1 VALGRIND_LIB="$tool_dir"
 export VALGRIND_LAUNCHER="$(command -v valgrind)"
 export ROOT="$root" OUT="$out"
-# Each line: binary and test name; the log is named after both.
-xargs -P "$jobs" -L 1 sh -c '
+# Each line: binary and test name; the log is named after both. In a PID
+# namespace of its own, so that a test cut short leaves no emulator behind.
+"$root/scripts/lib/pid-ns.sh" xargs -P "$jobs" -L 1 sh -c '
   name=$(basename "$0")
   log="$OUT/$name.$(echo "$1" | tr / _).log"
   timeout -k 10 300 \
