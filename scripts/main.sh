@@ -11,8 +11,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh" main
 TQREDIS_BUILD_TESTS=OFF TQREDIS_BUILD_BENCHMARKS=OFF "$root/scripts/build.sh"
 build_dir=${BUILD_DIR:-$root/build}
-# The example process, then its statistics as the viewer shows them.
-BUILD_DIR="$build_dir" "$root/scripts/with-devdb.sh" sh -c '
+# The example process, then its statistics as the viewer shows them; exec,
+# so that a signal to this script reaches the wrapper that stops the emulator.
+BUILD_DIR="$build_dir" exec "$root/scripts/with-devdb.sh" sh -c '
   "$1/examples/tqexample" && echo &&
   echo "== tqredis-stat" && "$1/tools/stat/tqredis-stat" && echo &&
   echo "== tqredis-stat tqexample" && "$1/tools/stat/tqredis-stat" tqexample' \
