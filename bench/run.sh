@@ -4,9 +4,10 @@
 #   bench/run.sh [--no-callgrind] [--rounds R]
 # Needs root: the servers live on the device's socket paths, inside a
 # private mount namespace of this run (its own empty /tmp/redis and
-# /tmp/tqredis), and are stopped at the end. Client, servers and feeder are
-# pinned to one CPU (BENCH_CPU, default 0): unpinned on two cores the figures
-# swing tenfold. BUILD_DIR names a Release build (default build/; built when
+# /tmp/tqredis). Servers, feeder and the benchmark in progress are stopped
+# when it ends, also on a failure or an interruption (INT, TERM). Client,
+# servers and feeder are pinned to one CPU (BENCH_CPU, default 0): unpinned on
+# two cores the figures swing tenfold. BUILD_DIR names a Release build (default build/; built when
 # its programs are missing).
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,7 +15,7 @@ build_dir=${BUILD_DIR:-$root/build}
 cpu=${BENCH_CPU:-0}
 
 if [ "${TQBENCH_IN_NS:-}" != 1 ]; then
-  "$root/scripts/install-deps.sh" >&2
+  "$root/scripts/install-deps.sh" test >&2
   if [ ! -x "$build_dir/bench/side/tqbench" ] ||
      [ ! -x "$build_dir/bench/micro/tqbench_micro" ]; then
     BUILD_DIR="$build_dir" "$root/scripts/build.sh" >&2
@@ -40,25 +41,39 @@ done
 
 bench="$build_dir/bench/side/tqbench"
 work=$(mktemp -d)
+# Every process this run started and that may still run: the servers and the
+# feeder, and the one step in progress. Each pid is the program's own (taskset
+# execs it); a backgrounded shell function would be a subshell, whose death
+# leaves the program running.
 pids=""
+step=""
 stop() {
-  for pid in $pids; do kill "$pid" 2>/dev/null || true; done
-  for pid in $pids; do wait "$pid" 2>/dev/null || true; done
+  for pid in $pids $step; do kill "$pid" 2>/dev/null || true; done
+  for pid in $pids $step; do wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap stop EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-pin() { taskset -c "$cpu" "$@"; }
+# Runs one step pinned, in the background so that a signal is handled at once
+# (a shell runs its traps only after a foreground command ends); its status is
+# the step's.
+pin() {
+  taskset -c "$cpu" "$@" &
+  step=$!
+  wait "$step"
+  step=""
+}
 
 for db in redis_host redis_ce_global; do
-  pin redis-server --port 0 --unixsocket "/tmp/redis/$db.sock" \
+  taskset -c "$cpu" redis-server --port 0 --unixsocket "/tmp/redis/$db.sock" \
     --unixsocketperm 777 --save "" --appendonly no \
     --notify-keyspace-events "" --loglevel warning >"$work/$db.log" 2>&1 &
   pids="$pids $!"
 done
-pin "$build_dir/bench/side/tqbench_feeder" /tmp/redis/redis_de_global.sock &
+taskset -c "$cpu" "$build_dir/bench/side/tqbench_feeder" \
+  /tmp/redis/redis_de_global.sock &
 pids="$pids $!"
 for sock in redis_host redis_ce_global redis_de_global; do
   tries=0

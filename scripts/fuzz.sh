@@ -10,18 +10,7 @@ build_dir=${BUILD_DIR:-$root/build-fuzz}
 seconds=${FUZZ_SECONDS:-60}
 targets="fuzz_reply fuzz_pmsg fuzz_config fuzz_status"
 
-need=""
-command -v clang++ >/dev/null 2>&1 || need="$need clang"
-dpkg-query -W -f='${Status}' libclang-rt-14-dev 2>/dev/null | grep -q "ok installed" \
-  || need="$need libclang-rt-14-dev"
-if [ -n "$need" ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -q || echo "apt-get update reported a failure; installing anyway"
-  # shellcheck disable=SC2086
-  $sudo apt-get install -y -q --no-install-recommends $need
-fi
+"$root/scripts/lib/ensure-packages.sh" clang libclang-rt-14-dev
 
 # Only the fuzz targets are built: they link the library's objects, and the
 # shared library itself cannot link clang's sanitizer runtime.

@@ -1,15 +1,19 @@
 #!/bin/sh
-# The main job: installs what is missing, builds, starts the device database
-# emulator on the device's socket paths, runs the example host process (and
-# the statistics viewer on what it left in redis_host), and stops the
-# emulator afterwards.
+# The main job: installs what is missing for it alone (the native build,
+# redis-server; no test framework, no cross toolchain), builds the library,
+# the example and the tools without the tests and benchmarks, starts the
+# device database emulator on the device's socket paths, runs the example
+# host process (and the statistics viewer on what it left in redis_host), and
+# stops the emulator afterwards. scripts/build.sh (or scripts/test.sh) on the
+# same BUILD_DIR brings the tests back.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
-"$root/scripts/install-deps.sh"
-"$root/scripts/build.sh"
+"$root/scripts/install-deps.sh" main
+TQREDIS_BUILD_TESTS=OFF TQREDIS_BUILD_BENCHMARKS=OFF "$root/scripts/build.sh"
 build_dir=${BUILD_DIR:-$root/build}
-# The example process, then its statistics as the viewer shows them.
-BUILD_DIR="$build_dir" "$root/scripts/with-devdb.sh" sh -c '
+# The example process, then its statistics as the viewer shows them; exec,
+# so that a signal to this script reaches the wrapper that stops the emulator.
+BUILD_DIR="$build_dir" exec "$root/scripts/with-devdb.sh" sh -c '
   "$1/examples/tqexample" && echo &&
   echo "== tqredis-stat" && "$1/tools/stat/tqredis-stat" && echo &&
   echo "== tqredis-stat tqexample" && "$1/tools/stat/tqredis-stat" tqexample' \

@@ -7,17 +7,7 @@ set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-tidy}
 
-need=""
-command -v run-clang-tidy >/dev/null 2>&1 || need="$need clang-tidy"
-command -v cppcheck >/dev/null 2>&1 || need="$need cppcheck"
-if [ -n "$need" ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -q || echo "apt-get update reported a failure; installing anyway"
-  # shellcheck disable=SC2086
-  $sudo apt-get install -y -q --no-install-recommends $need
-fi
+"$root/scripts/lib/ensure-packages.sh" clang-tidy cppcheck
 
 cmake -S "$root" -B "$build_dir" -G Ninja -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
   -DTQREDIS_BUILD_TESTS=OFF -DTQREDIS_BUILD_TOOLS=OFF \

@@ -42,4 +42,7 @@ cmake -S "$root" -B "$build_dir" -G Ninja \
   -DTQREDIS_DEVDB="$devdb"
 cmake --build "$build_dir"
 cd "$build_dir"
-ctest --output-on-failure -j "${TEST_JOBS:-2}" "$@"
+# In a PID namespace of its own: a test cut short (interrupted, timed out)
+# leaves no emulator, server or qemu behind.
+exec "$root/scripts/lib/pid-ns.sh" \
+  ctest --output-on-failure -j "${TEST_JOBS:-2}" "$@"

@@ -9,4 +9,6 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/build.sh"
 build_dir=${BUILD_DIR:-$root/build}
 cd "$build_dir"
-ctest --output-on-failure -j "${TEST_JOBS:-2}"
+# In a PID namespace of its own: a test cut short (interrupted, timed out)
+# leaves no emulator or server behind.
+exec "$root/scripts/lib/pid-ns.sh" ctest --output-on-failure -j "${TEST_JOBS:-2}"
