@@ -373,12 +373,25 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 wait, and in a blocking read past 1024 outstanding. An
  *                 error reply to a write is logged at level 8 and counted.
  *   waitlimit=MS  0..86400000: waits that otherwise never end give up after
- *                 MS milliseconds (0: never): the wait for tqredis_init()
- *                 and the card information, the PING probe, the
- *                 reconnection, a command's socket reads and writes. The
- *                 call then fails (NULL) after a level-8 line saying what it
- *                 waited for. TQREDIS_CMD_NO_RECONNECT then also returns at
- *                 once from the wait for the card information.
+ *                 MS milliseconds (0: never), measured on the monotonic
+ *                 clock: the wait for tqredis_init() and the card
+ *                 information, the PING probe, the reconnection, a
+ *                 command's socket reads and writes (a socket time-out on
+ *                 the read and write connections and on every connection's
+ *                 handshake; never on an established pubsub connection,
+ *                 which is read only when select() says it is readable).
+ *                 The call then fails (NULL, or -1) after a level-8 line
+ *                 "<db> <op> wait for <what> gave up after MS ms", <what>
+ *                 being init, cardinfo, PONG, reconnect, reply or write.
+ *                 TQREDIS_CMD_NO_RECONNECT then also returns at once from
+ *                 the wait for the card information ("... gave up at once
+ *                 (no reconnect)"). A command whose read or write timed out
+ *                 leaves its connection unusable: the connection is freed
+ *                 WITHOUT the fatal path (a silent server is not a lost
+ *                 connection; the process goes on) and connected again on
+ *                 the slot's next use. A connection the server closes still
+ *                 takes the fatal path. Each wait has its own limit, so one
+ *                 call that meets several waits may take a multiple of MS.
  *   exitstatus=N  0..255: the fatal path exits with N, after a level-8 line
  *                 naming the database and connection and a best-effort write
  *                 of the statistics.
@@ -397,7 +410,10 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *
  * The socket folder: the environment variable TQREDIS_SOCKET_DIR, read at
  * load, names the folder of the three database sockets instead of
- * "/tmp/redis" (unset or empty: "/tmp/redis"). */
+ * "/tmp/redis" (unset or empty: "/tmp/redis"); one trailing '/' is dropped.
+ * A folder whose socket paths would not fit (unixpath, and the kernel's
+ * 108-byte socket address) is refused with a level-8 line and "/tmp/redis"
+ * is used. */
 
 /* Sets the switch `name` (the key without '=', e.g. "waitlimit") to `value`
  * and logs it at level 4. Returns 0, or -1 after a level-8 line for an

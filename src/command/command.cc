@@ -115,11 +115,15 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
   {
     tqredis::detail::ScopedLock lock;
     for (;;) {
-      while (!tqredis_wait_cardinfo_ready(udb)) {
+      // Without a waitlimit this waits for as long as it takes.
+      if (!tqredis::detail::WaitCardinfo(udb, uop, flag)) {
+        result = nullptr;
+        break;
       }
       // Chosen again after every reconnection: the master may have changed.
       const auto dbop = static_cast<uint32_t>(tqredis_calc_dbop(udb, uop));
       if (tqredis_db_is_connected(udb, dbop)) {
+        tqredis::detail::ApplyWaitLimit(udb, dbop);
         // Each attempt reads the arguments from the first one again.
         va_list attempt;
         va_copy(attempt, ap);
@@ -127,6 +131,13 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
                                             attempt, &result);
         va_end(attempt);
         if (rc != -1) break;
+        // A server that stopped answering: this call fails, the process
+        // goes on, and the next call connects the slot again.
+        if (tqredis::detail::DropTimedOut(
+                udb, dbop, uop == TQREDIS_OP_READ ? "reply" : "write")) {
+          result = nullptr;
+          break;
+        }
       }
       if (tqredis_db_try_reconnect(udb, dbop, flag) == -1) {
         result = nullptr;

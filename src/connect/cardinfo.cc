@@ -12,6 +12,7 @@
 #include "tqredis.h"
 
 using tqredis::detail::g_tqredis_cardinfo;
+using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 using tqredis::detail::kUnknownNode;
 
@@ -88,6 +89,55 @@ int tqredis_wait_cardinfo_ready(uint32_t db) {
   }
   return 0;
 }
+
+namespace tqredis::detail {
+
+// The same steps as tqredis_wait_cardinfo_ready(), against a deadline: the
+// sleep ends at it, and the state is checked once more after the attempt,
+// so that a success just before the deadline is not thrown away.
+bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag) {
+  const long limit = WaitLimitMs();
+  if (limit <= 0) {
+    while (!tqredis_wait_cardinfo_ready(db)) {
+    }
+    return true;
+  }
+  const int64_t deadline = MonotonicMs() + limit;
+  for (;;) {
+    if (g_tqredis_init_ok && tqredis_get_write_connext_stats(db) != -1) {
+      return true;
+    }
+    TQ_LOG(kLogLife, "%s operate before mom init[%d] or context init, \r\n",
+           DbName(db), g_tqredis_init_ok);
+    if (g_tqredis_init_ok) {
+      tqredis_db_connect();
+      if (tqredis_db_is_connected(TQREDIS_DB_HOST, TQREDIS_OP_READ)) {
+        tqredis_get_cardinfo();
+      }
+      if (tqredis_get_write_connext_stats(db) != -1) return true;
+    }
+    const char *what = g_tqredis_init_ok ? "cardinfo" : "init";
+    if (flag & TQREDIS_CMD_NO_RECONNECT) {
+      TQ_LOG(kLogError, "%s %s wait for %s gave up at once (no reconnect)\r\n",
+             DbName(db), OpName(op), what);
+      return false;
+    }
+    if (MonotonicMs() >= deadline) {
+      TQ_LOG(kLogError, "%s %s wait for %s gave up after %ld ms\r\n",
+             DbName(db), OpName(op), what, limit);
+      return false;
+    }
+    if (LockDepth() > 0) {
+      tqredis_unlock();
+      SleepUntilAtMost(deadline);
+      tqredis_lock();
+    } else {
+      SleepUntilAtMost(deadline);
+    }
+  }
+}
+
+}  // namespace tqredis::detail
 
 void tqredis_cardinfo_stats_show(void) {
   tqredis::detail::ScopedLock lock;

@@ -2,6 +2,7 @@
 // over all slots, and the fatal path taken when a live connection is lost.
 #include <spawn.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/names.h"
+#include "core/options.h"
 #include "core/state.h"
 #include "reply/reply.h"
 #include "tqredis.h"
@@ -45,7 +47,82 @@ redisReply *Command(redisContext *ctx, const char *format, ...) {
   return static_cast<redisReply *>(reply);
 }
 
+// The socket time-out each slot's context was given, so that a command pays
+// one compare, not a system call, when the limit has not changed. A context
+// not recorded here has none (hiredis sets none on a blocking socket).
+// Guarded by the global lock, like the table.
+struct AppliedTimeout {
+  const redisContext *context;
+  long ms;
+};
+AppliedTimeout g_applied[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};
+
+// Both directions of the socket; 0 takes the time-out away.
+void SetSocketTimeout(redisContext *ctx, long ms) {
+  const struct timeval tv = {static_cast<time_t>(ms / 1000),
+                             static_cast<suseconds_t>((ms % 1000) * 1000)};
+  redisSetTimeout(ctx, tv);
+}
+
+// True when the context's last socket call ran out of its time-out: hiredis
+// then keeps the text of EAGAIN as its error, and the context is unusable.
+bool TimedOut(const redisContext *ctx) {
+  return ctx->err == REDIS_ERR_IO &&
+         std::strcmp(ctx->errstr, std::strerror(EAGAIN)) == 0;
+}
+
 }  // namespace
+
+namespace tqredis::detail {
+
+int64_t MonotonicMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+long WaitLimitMs() { return OptionValue(kOpt_waitlimit); }
+
+void SleepUntilAtMost(int64_t deadline_ms) {
+  const int64_t left = deadline_ms - MonotonicMs();
+  if (left <= 0) return;
+  if (left >= 1000) {
+    select_sleep(1, 0);
+  } else {
+    select_sleep(0, static_cast<int>(left * 1000));
+  }
+}
+
+void ApplyWaitLimit(uint32_t db, uint32_t op) {
+  if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) return;
+  redisContext *ctx = g_tqredis_connect_mng[op][db].context;
+  if (ctx == nullptr) return;
+  const long want = op == TQREDIS_OP_PUBSUB ? 0 : WaitLimitMs();
+  AppliedTimeout &applied = g_applied[op][db];
+  const long have = applied.context == ctx ? applied.ms : 0;
+  if (have == want) return;
+  SetSocketTimeout(ctx, want);
+  applied = {ctx, want};
+}
+
+bool DropTimedOut(uint32_t db, uint32_t op, const char *what) {
+  if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) return false;
+  tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
+  redisContext *ctx = slot.context;
+  const AppliedTimeout &applied = g_applied[op][db];
+  if (ctx == nullptr || applied.context != ctx || applied.ms <= 0 ||
+      !TimedOut(ctx)) {
+    return false;
+  }
+  TQ_LOG(kLogError, "%s %s wait for %s gave up after %ld ms\r\n", DbName(db),
+         OpName(op), what, applied.ms);
+  redisFree(ctx);
+  slot.context = nullptr;
+  g_applied[op][db] = {nullptr, 0};
+  return true;
+}
+
+}  // namespace tqredis::detail
 
 redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
                                     tqredis_conn_slot *slot) {
@@ -89,8 +166,12 @@ redisContext *tqredis_connect_redis(uint32_t db, uint32_t op,
 
 // A server that answers but not yet with "PONG" (still loading, say) is
 // probed again every second until it does.
+// With a waitlimit, the probing stops after it.
 int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
   if (ctx == nullptr) return -1;
+  const long limit = tqredis::detail::WaitLimitMs();
+  const int64_t deadline =
+      limit > 0 ? tqredis::detail::MonotonicMs() + limit : 0;
   for (;;) {
     redisReply *reply = Command(ctx, "PING");
     if (tqredis_check_reply(reply) == 0) {
@@ -102,7 +183,16 @@ int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
         reply->str != nullptr && std::strcmp(reply->str, "PONG") == 0;
     tqredis_free_reply(reply);
     if (pong) return 0;
-    select_sleep(1, 0);
+    if (limit > 0) {
+      if (tqredis::detail::MonotonicMs() >= deadline) {
+        TQ_LOG(kLogError, "%s %s wait for PONG gave up after %ld ms\r\n",
+               DbName(db), OpName(op), limit);
+        return -1;
+      }
+      tqredis::detail::SleepUntilAtMost(deadline);
+    } else {
+      select_sleep(1, 0);
+    }
     TQ_LOG(kLogLife, "%s %s try to ping...\r\n", DbName(db), OpName(op));
   }
 }
@@ -130,12 +220,17 @@ int tqredis_connect(uint32_t db, uint32_t op) {
   if (slot.context != nullptr) return 0;  // idempotent, no traffic
   redisContext *ctx = tqredis_connect_redis(db, op, &slot);
   if (ctx == nullptr) return -1;
+  // With a waitlimit the handshake is bounded too, even on a pubsub slot.
+  const long limit = tqredis::detail::WaitLimitMs();
+  if (limit > 0) SetSocketTimeout(ctx, limit);
   // The name is set only once the server has proved it answers.
   if (tqredis_db_wait_ready(db, op, ctx) != 0 ||
       tqredis_set_client_name(db, op, ctx) != 0) {
     redisFree(ctx);
     return -1;
   }
+  if (limit > 0 && op == TQREDIS_OP_PUBSUB) SetSocketTimeout(ctx, 0);
+  g_applied[op][db] = {ctx, op == TQREDIS_OP_PUBSUB ? 0 : limit};
   TQ_LOG(kLogLife,
          ">>>>%s %s[mode=%d path=%s hostname=%s hostport=%d] connected\r\n",
          DbName(db), OpName(op), static_cast<int>(slot.mode), slot.unixpath,

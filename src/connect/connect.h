@@ -6,9 +6,49 @@
 // (tqredis_disconnect, tqredis_exit), and the data check counter
 // (tqredis_datacheck_num_inc). All are declared by the public header; the
 // table and the card information themselves are in table.h and cardinfo.h.
+// Below, the bounds the waitlimit switch puts on every wait of this layer.
 #ifndef TQREDIS_SRC_CONNECT_CONNECT_H_
 #define TQREDIS_SRC_CONNECT_CONNECT_H_
 
+#include <cstdint>
+
 #include "tqredis.h"
+
+namespace tqredis::detail {
+
+// Milliseconds on the monotonic clock: a deadline must not move when the
+// time of day is set, which a device does when it learns the time.
+int64_t MonotonicMs();
+
+// The waitlimit in force, in milliseconds; 0 when waits never give up.
+long WaitLimitMs();
+
+// Sleeps one second, or only until `deadline_ms` (monotonic) when that comes
+// first. Takes and releases no lock.
+void SleepUntilAtMost(int64_t deadline_ms);
+
+// Gives slot [op][db]'s socket the read and write time-out of the waitlimit
+// in force (none when 0), unless it already has it. Read, write and the
+// handshake of every slot only: a pubsub context, once connected, never
+// has one, because the pump reads it only after select() says so and a
+// time-out in the middle of a long notification would look like a loss.
+// REQUIRES: the global lock is held.
+void ApplyWaitLimit(uint32_t db, uint32_t op);
+
+// When slot [op][db]'s last read or write on the socket timed out under
+// the waitlimit, frees its context without the fatal path (a server that
+// stops answering is not a lost connection, and the process goes on),
+// logs at level 8 what was waited for, and returns true: the slot is then
+// reconnected on its next use. False, changing nothing, otherwise.
+// REQUIRES: the global lock is held.
+bool DropTimedOut(uint32_t db, uint32_t op, const char *what);
+
+// The card-information wait of a command on `db`: with no waitlimit, loops
+// on tqredis_wait_cardinfo_ready() until it succeeds (true). With one, gives
+// up after the limit, or at once with TQREDIS_CMD_NO_RECONNECT in `flag`,
+// after a level-8 line (false). REQUIRES: the global lock is held.
+bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag);
+
+}  // namespace tqredis::detail
 
 #endif  // TQREDIS_SRC_CONNECT_CONNECT_H_

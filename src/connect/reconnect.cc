@@ -27,6 +27,10 @@ int tqredis_db_try_reconnect(uint32_t db, uint32_t op, uint32_t flag) {
   tqredis_disconnect(op, db);
   if (flag & TQREDIS_CMD_NO_RECONNECT) return -1;
   tqredis_db_reconnect(db, op);
+  // Only a waitlimit makes the thread give up before the slot is connected.
+  if (tqredis::detail::WaitLimitMs() > 0 && !tqredis_db_is_connected(db, op)) {
+    return -1;
+  }
   return 0;
 }
 
@@ -66,13 +70,16 @@ int tqredis_get_reconnect_db_op(void *arg, uint32_t *db, uint32_t *op) {
 }
 
 // Runs without the lock: the thread that starts it holds the lock and joins
-// it. It ends when its slot is connected.
+// it. It ends when its slot is connected, or with a waitlimit after it.
 void *tqredis_reconnect_thread(void *arg) {
   uint32_t db = 0;
   uint32_t op = 0;
   if (tqredis_get_reconnect_db_op(arg, &db, &op) != 0) return nullptr;
   TQ_LOG(kLogLife, ">>>>%s[%s] reconnect thread enter...\r\n", DbName(db),
          OpName(op));
+  const long limit = tqredis::detail::WaitLimitMs();
+  const int64_t deadline =
+      limit > 0 ? tqredis::detail::MonotonicMs() + limit : 0;
   for (;;) {
     for (int i = 0; i < kTriesPerReport; ++i) {
       if (tqredis_db_is_connected(db, op)) {
@@ -86,7 +93,17 @@ void *tqredis_reconnect_thread(void *arg) {
         tqredis_get_cardinfo();
       }
       tqredis_db_connect_nolock();
-      select_sleep(1, 0);
+      if (limit <= 0) {
+        select_sleep(1, 0);
+        continue;
+      }
+      if (tqredis_db_is_connected(db, op)) continue;  // reported above
+      if (tqredis::detail::MonotonicMs() >= deadline) {
+        TQ_LOG(kLogError, "%s %s wait for reconnect gave up after %ld ms\r\n",
+               DbName(db), OpName(op), limit);
+        return nullptr;
+      }
+      tqredis::detail::SleepUntilAtMost(deadline);
     }
     TQ_LOG(kLogLife, ">>>>%s %s try to reconnect\r\n", DbName(db), OpName(op));
   }

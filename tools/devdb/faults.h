@@ -21,6 +21,10 @@ struct Faults {
   std::string ping_status_text;
   bool refusing = false;
   int64_t refuse_until_ms = 0;  // monotonic; 0 = until cleared
+  // Requests arriving meanwhile are dropped unanswered: a server that has
+  // stopped answering, as a client sees it.
+  bool stalling = false;
+  int64_t stall_until_ms = 0;  // monotonic; 0 = until cleared
 };
 
 // The reply to a PING under `faults` (counting the status fault down), or

@@ -43,10 +43,14 @@ constexpr char kUsage[] =
     "  close DB                   close every client connection\n"
     "  refuse DB MS               refuse connections for MS ms (0: until "
     "clear)\n"
+    "  stall DB MS                swallow every request, answering none, for "
+    "MS ms\n"
+    "                             (0: until clear)\n"
     "  inject DB BYTES            send BYTES (escapes \\r \\n \\t \\0 \\\\ "
     "\\xHH)\n"
     "                             to every subscribed connection\n"
-    "  clear DB                   undo ping-error, ping-status and refuse\n";
+    "  clear DB                   undo ping-error, ping-status, refuse and "
+    "stall\n";
 
 int Usage() {
   std::fputs(kUsage, stderr);

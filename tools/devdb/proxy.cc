@@ -270,6 +270,13 @@ void Proxy::HandleRequest(Conn *c, const redisReply *request,
     return;
   }
   ++c->figures.cmd_num;
+  // Swallowed: nothing reaches the server and nothing is owed, so the
+  // replies after the stall still match the requests made after it.
+  // The clock is read again: the stall may have run out during the wait.
+  const Faults &faults = dbs_[c->db].faults;
+  if (faults.stalling &&
+      (faults.stall_until_ms == 0 || NowMs() < faults.stall_until_ms))
+    return;
   // In subscribe mode the server refuses CLIENT LIST; let it say so.
   if (!c->sub_mode && request->elements == 3 && ArgIs(request, 0, "client") &&
       ArgIs(request, 1, "list")) {
@@ -518,6 +525,8 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
                     f.ping_error ? "on" : "off", f.ping_status_left,
                     f.refusing ? "on" : "off");
       text += line;
+      // Only while in force, so the line reads as before otherwise.
+      if (f.stalling) text.insert(text.size() - 1, " stall=on");
     }
     AppendBulk(reply, text);
     return;
@@ -567,6 +576,13 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
       d.listen_fd = -1;
     }
     AppendStatus(reply, "OK");
+  } else if (verb == "stall" && argc == 3 &&
+             ParseCount(ArgText(request, 2), &number)) {
+    for (int db = first; db <= last; ++db) {
+      dbs_[db].faults.stalling = true;
+      dbs_[db].faults.stall_until_ms = number > 0 ? NowMs() + number : 0;
+    }
+    AppendStatus(reply, "OK");
   } else if (verb == "inject" && argc == 3) {
     std::string bytes;
     if (!DecodeEscapes(ArgText(request, 2), &bytes)) {
@@ -585,6 +601,7 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
     for (int db = first; db <= last; ++db) {
       dbs_[db].faults.ping_error = false;
       dbs_[db].faults.ping_status_left = 0;
+      dbs_[db].faults.stalling = false;
       if (dbs_[db].faults.refusing) {
         dbs_[db].faults.refusing = false;
         std::string error;
@@ -612,6 +629,8 @@ void Proxy::SampleRates(int64_t now) {
 void Proxy::ExpireFaults(int64_t now) {
   for (int db = 0; db < kDbCount; ++db) {
     Faults &f = dbs_[db].faults;
+    if (f.stalling && f.stall_until_ms != 0 && now >= f.stall_until_ms)
+      f.stalling = false;
     if (!f.refusing || f.refuse_until_ms == 0 || now < f.refuse_until_ms)
       continue;
     f.refusing = false;
@@ -622,9 +641,12 @@ void Proxy::ExpireFaults(int64_t now) {
 
 int Proxy::Timeout(int64_t now) const {
   int64_t wait = next_sample_ms_ - now;
-  for (const Db &d : dbs_)
+  for (const Db &d : dbs_) {
     if (d.faults.refusing && d.faults.refuse_until_ms != 0)
       wait = std::min(wait, d.faults.refuse_until_ms - now);
+    if (d.faults.stalling && d.faults.stall_until_ms != 0)
+      wait = std::min(wait, d.faults.stall_until_ms - now);
+  }
   return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(wait, 1000)));
 }
 

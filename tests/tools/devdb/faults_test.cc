@@ -106,6 +106,48 @@ TEST_F(DevdbFaults, RefuseForAWhileEndsByItself) {
   EXPECT_EQ(Text(Command(c.get(), {"PING"})), "PONG");
 }
 
+TEST_F(DevdbFaults, StallSwallowsRequestsUnansweredUntilCleared) {
+  const int raw = ConnectRaw(Socket("redis_host"));
+  const Output set = Ctl({"stall", "redis_host", "0"});
+  ASSERT_EQ(set.code, 0);
+  EXPECT_EQ(set.out, "OK\n");
+  WriteAll(raw, "*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$1\r\nv\r\n");
+  WriteAll(raw, "*1\r\n$4\r\nPING\r\n");
+  // Once the control answers, both requests have been read: the emulator
+  // is one thread and reads what a poll finds before the next poll.
+  EXPECT_EQ(Ctl({"faults"}).out,
+            "redis_de_global ping-error=off ping-status=0 refuse=off\n"
+            "redis_ce_global ping-error=off ping-status=0 refuse=off\n"
+            "redis_host ping-error=off ping-status=0 refuse=off stall=on\n");
+  ASSERT_EQ(Ctl({"clear", "redis_host"}).code, 0);
+  EXPECT_EQ(Ctl({"faults"}).out,
+            "redis_de_global ping-error=off ping-status=0 refuse=off\n"
+            "redis_ce_global ping-error=off ping-status=0 refuse=off\n"
+            "redis_host ping-error=off ping-status=0 refuse=off\n");
+  // Had the SET or the PING been answered, their replies would come first;
+  // had the SET reached the server, GET would find the key.
+  WriteAll(raw, "*2\r\n$3\r\nGET\r\n$1\r\nk\r\n");
+  EXPECT_EQ(ReadAtLeast(raw, 5), "$-1\r\n");
+  close(raw);
+}
+
+TEST_F(DevdbFaults, StallLeavesOtherDatabasesAlone) {
+  ASSERT_EQ(Ctl({"stall", "redis_host", "0"}).code, 0);
+  ContextPtr c = Connect("redis_de_global");
+  EXPECT_EQ(Text(Command(c.get(), {"PING"})), "PONG");
+}
+
+TEST_F(DevdbFaults, StallForAWhileEndsByItself) {
+  ContextPtr c = Connect();
+  ASSERT_EQ(Ctl({"stall", "redis_host", "50"}).code, 0);
+  for (int i = 0; i < 1000; ++i) {
+    if (Ctl({"faults"}).out.find("stall=on") == std::string::npos) break;
+    usleep(10000);
+  }
+  // What came in after the stall ended is answered again.
+  EXPECT_EQ(Text(Command(c.get(), {"PING"})), "PONG");
+}
+
 TEST_F(DevdbFaults, InjectedPmessagesInOneWriteReachSubscribersInOrder) {
   ContextPtr sub = Connect();
   Command(sub.get(), {"PSUBSCRIBE", "__keyspace@0__:*"});
