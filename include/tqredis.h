@@ -293,8 +293,10 @@ TQREDIS_API void tqredis_db_connect(void);
 TQREDIS_API void tqredis_disconnect(uint32_t op, uint32_t db);
 
 /* Logs, copies "/tmp/tqredis//<process>.limitlog" into
- * "/var/tmp/coredump/" (cp, run without a shell) and ends the process with
- * exit(0). Does not return. */
+ * "/var/tmp/coredump/" (by the library itself: no child process, no shell;
+ * a symbolic link at the log path is refused with a level-8 line, a missing
+ * log or folder leaves no copy) and ends the process with exit(0), or with
+ * the exitstatus switch's value. Does not return. */
 TQREDIS_API TQREDIS_NORETURN void tqredis_exit(uint32_t db);
 
 /* ---- Reconnection --------------------------------------------------------- */
@@ -380,12 +382,15 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 waited for. TQREDIS_CMD_NO_RECONNECT then also returns at
  *                 once from the wait for the card information.
  *   exitstatus=N  0..255: the fatal path exits with N, after a level-8 line
- *                 naming the database and connection and a best-effort write
- *                 of the statistics.
+ *                 naming the database and connection ("<db>[<op>] connection
+ *                 lost, exit with status N") and a best-effort write of the
+ *                 statistics to redis_host, each socket operation bounded by
+ *                 waitlimit (1 s when 0).
  *   keepcopies=N  0..1000: the fatal path's copy of the limited log is named
- *                 "<proc>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" in
- *                 "/var/tmp/coredump/", keeping at most N of this process
- *                 name (the oldest removed).
+ *                 "<proc>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" (local time) in
+ *                 "/var/tmp/coredump/", keeping at most N such copies of this
+ *                 process name (the oldest by the time in the name, then the
+ *                 pid, removed; no other file is touched).
  *   recordall=1   every command through tqredis_db_command() is recorded in
  *                 the outbound ring (its command word's key command id, 27
  *                 when none; its first argument as the key).
