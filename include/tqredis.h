@@ -394,8 +394,13 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *   recordall=1   every command through tqredis_db_command() is recorded in
  *                 the outbound ring (its command word's key command id, 27
  *                 when none; its first argument as the key).
- *   hookwarn=MS   0..86400000: a hook that runs longer than MS milliseconds
- *                 is reported at level 8 (database, pattern, key, time).
+ *   hookwarn=MS   0..86400000: a subscription hook, the process-wide hook or
+ *                 a replay callback that runs longer than MS milliseconds
+ *                 (monotonic clock) is reported at level 8: "<which> hook
+ *                 took <ms> ms[db=<db> pattern=<pattern> key=<key>]", which
+ *                 being subscription, process or replay; the pattern is the
+ *                 subscription's, or the walk's for replayed keys and scan
+ *                 records (empty for a direct call). 0: no clock is read.
  *   safe=1        every switch above that no line or call set takes its safe
  *                 value: replies=1 waitlimit=5000 exitstatus=75 keepcopies=8
  *                 recordall=1 hookwarn=100.
