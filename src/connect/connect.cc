@@ -276,6 +276,9 @@ void PruneCopies(long keep) {
     char oldest[256] = "";
     char oldest_stamp[16] = "";
     unsigned long long oldest_pid = 0;
+    // readdir is safe on a stream this thread alone opened (readdir_r is
+    // deprecated).
+    // cppcheck-suppress readdirCalled
     while (const struct dirent *entry = readdir(dir)) {
       const char *stamp;
       unsigned long long pid;
