@@ -293,8 +293,10 @@ TQREDIS_API void tqredis_db_connect(void);
 TQREDIS_API void tqredis_disconnect(uint32_t op, uint32_t db);
 
 /* Logs, copies "/tmp/tqredis//<process>.limitlog" into
- * "/var/tmp/coredump/" (cp, run without a shell) and ends the process with
- * exit(0). Does not return. */
+ * "/var/tmp/coredump/" (by the library itself: no child process, no shell;
+ * a symbolic link at the log path is refused with a level-8 line, a missing
+ * log or folder leaves no copy) and ends the process with exit(0), or with
+ * the exitstatus switch's value. Does not return. */
 TQREDIS_API TQREDIS_NORETURN void tqredis_exit(uint32_t db);
 
 /* ---- Reconnection --------------------------------------------------------- */
@@ -393,17 +395,25 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 takes the fatal path. Each wait has its own limit, so one
  *                 call that meets several waits may take a multiple of MS.
  *   exitstatus=N  0..255: the fatal path exits with N, after a level-8 line
- *                 naming the database and connection and a best-effort write
- *                 of the statistics.
+ *                 naming the database and connection ("<db>[<op>] connection
+ *                 lost, exit with status N") and a best-effort write of the
+ *                 statistics to redis_host, each socket operation bounded by
+ *                 waitlimit (1 s when 0).
  *   keepcopies=N  0..1000: the fatal path's copy of the limited log is named
- *                 "<proc>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" in
- *                 "/var/tmp/coredump/", keeping at most N of this process
- *                 name (the oldest removed).
+ *                 "<proc>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" (local time) in
+ *                 "/var/tmp/coredump/", keeping at most N such copies of this
+ *                 process name (the oldest by the time in the name, then the
+ *                 pid, removed; no other file is touched).
  *   recordall=1   every command through tqredis_db_command() is recorded in
  *                 the outbound ring (its command word's key command id, 27
  *                 when none; its first argument as the key).
- *   hookwarn=MS   0..86400000: a hook that runs longer than MS milliseconds
- *                 is reported at level 8 (database, pattern, key, time).
+ *   hookwarn=MS   0..86400000: a subscription hook, the process-wide hook or
+ *                 a replay callback that runs longer than MS milliseconds
+ *                 (monotonic clock) is reported at level 8: "<which> hook
+ *                 took <ms> ms[db=<db> pattern=<pattern> key=<key>]", which
+ *                 being subscription, process or replay; the pattern is the
+ *                 subscription's, or the walk's for replayed keys and scan
+ *                 records (empty for a direct call). 0: no clock is read.
  *   safe=1        every switch above that no line or call set takes its safe
  *                 value: replies=1 waitlimit=5000 exitstatus=75 keepcopies=8
  *                 recordall=1 hookwarn=100.

@@ -5,17 +5,49 @@
 
 #include <cstdio>
 
+#include "command/command.h"
 #include "connect/cardinfo.h"
 #include "connect/connect.h"
 #include "connect/table.h"
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/state.h"
 #include "pubsub/pubsub.h"
+#include "records/records.h"
 #include "tqredis.h"
 
 using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogLife;
+
+namespace {
+
+// The fatal path's last write of the operation statistics, best effort. Each
+// socket operation on redis_host gives up after the wait limit (1 s when
+// none is set): a connection that fails meanwhile is dropped, and every write
+// after it fails at once, so no write waits on a server that has gone. Skipped
+// when no command could be sent without waiting: before tqredis_init(), before
+// the card information, or when the slot that carries the writes is down
+// (perhaps the very connection that was lost).
+void WriteStatsBeforeExit() {
+  if (!g_tqredis_init_ok ||
+      tqredis_get_write_connext_stats(TQREDIS_DB_HOST) == -1) {
+    return;
+  }
+  tqredis::detail::ScopedLock lock;
+  const auto dbop = static_cast<uint32_t>(
+      tqredis_calc_dbop(TQREDIS_DB_HOST, TQREDIS_OP_WRITE));
+  redisContext *ctx = tqredis_get_context(TQREDIS_DB_HOST, dbop);
+  if (ctx == nullptr) return;
+  long limit = tqredis::detail::OptionValue(tqredis::detail::kOpt_waitlimit);
+  if (limit <= 0) limit = 1000;
+  const struct timeval timeout = {limit / 1000, (limit % 1000) * 1000};
+  redisSetTimeout(ctx, timeout);
+  tqredis_db_save_log();
+  tqredis_commit_command(TQREDIS_DB_HOST, dbop, TQREDIS_CMD_COMMIT);
+}
+
+}  // namespace
 
 // Order matters: the name first (every log line carries it), then logging
 // (the lock reports its failure there), then the lock, then the table.
@@ -24,6 +56,7 @@ int tqredis_initial(void) {
   tqredis_dbg_init();
   tqredis_lock_init();
   tqredis_init_connect_mng();
+  tqredis::detail::SetFatalHook(WriteStatsBeforeExit);
   return TQ_LOG(kLogLife, ">>>>%s enter\r\n", g_tqredis_proc_name);
 }
 

@@ -1,13 +1,17 @@
 // Connecting a slot, proving the server answers, naming the client, the sweep
 // over all slots, and the fatal path taken when a live connection is lost.
-#include <spawn.h>
-#include <sys/wait.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "connect/cardinfo.h"
 #include "connect/connect.h"
@@ -21,8 +25,6 @@
 #include "reply/reply.h"
 #include "tqredis.h"
 
-extern char **environ;
-
 using tqredis::detail::DbName;
 using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
@@ -34,6 +36,14 @@ namespace {
 
 // Where the limited log is kept when the process ends on a lost connection.
 constexpr char kCoredumpDir[] = "/var/tmp/coredump/";
+// The connection of a fatal path entered through tqredis_exit() itself.
+constexpr uint32_t kOpUnknown = TQREDIS_OP_NUM;
+
+// Set while this thread runs the fatal path, whose statistics write may lose
+// another connection.
+thread_local bool t_fatal_path_running = false;
+// The fatal path, defined at the end of the file.
+[[noreturn]] void ExitOnLostConnection(uint32_t op, uint32_t db);
 
 // The reply of a command the library sends and reads itself. NULL when the
 // connection failed.
@@ -277,28 +287,203 @@ void tqredis_disconnect(uint32_t op, uint32_t db) {
          OpName(op), slot.context->err, slot.context->errstr);
   redisFree(slot.context);
   slot.context = nullptr;
+  // A connection lost while the fatal path writes the statistics: the path
+  // already under way ends the process; starting it again would recurse.
+  if (t_fatal_path_running) return;
   // The fatal path (a kept behaviour, listed in the README).
-  tqredis_exit(db);
+  ExitOnLostConnection(op, db);
 }
 
-void tqredis_exit(uint32_t db) {
-  TQ_LOG(kLogLife, ">>>>exit for disconnecting from %s\r\n", DbName(db));
-  // The same copy as "cp -f /tmp/tqredis//<name>.limitlog /var/tmp/coredump/",
-  // run without a shell so that no character of the process name can break
-  // the copy or run a command. The doubled slash is harmless.
+void tqredis_exit(uint32_t db) { ExitOnLostConnection(kOpUnknown, db); }
+
+namespace {
+
+// Set once at load by the layer that owns the statistics; read by the fatal
+// path of any thread.
+std::atomic<tqredis::detail::FatalHook> g_fatal_hook{nullptr};
+
+// The copy's file name of the limited log: "<name>.limitlog", or with
+// keepcopies on "<name>.<pid>.<YYYYmmdd-HHMMSS>.limitlog" (local time).
+void CopyName(bool stamped, char *out, size_t size) {
+  if (!stamped) {
+    std::snprintf(out, size, "%s.limitlog", g_tqredis_proc_name);
+    return;
+  }
+  const time_t now = std::time(nullptr);
+  struct tm local;
+  std::memset(&local, 0, sizeof(local));
+  localtime_r(&now, &local);
+  char stamp[32];
+  if (std::strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &local) == 0) {
+    stamp[0] = '\0';
+  }
+  std::snprintf(out, size, "%s.%ld.%s.limitlog", g_tqredis_proc_name,
+                static_cast<long>(getpid()), stamp);
+}
+
+// Whether `n` characters of `text` are all decimal digits.
+bool Digits(const char *text, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+  }
+  return true;
+}
+
+// A stamped copy of this process name's limited log: exactly
+// "<name>.<digits>.<8 digits>-<6 digits>.limitlog". On a match, `stamp`
+// points at the time in the name and `pid` holds the number before it. Any
+// other file, a copy of another name included, never matches.
+bool StampedCopy(const char *file, const char **stamp,
+                 unsigned long long *pid) {
+  static constexpr char kSuffix[] = ".limitlog";
+  static constexpr size_t kStampLen = 15;  // YYYYmmdd-HHMMSS
+  const size_t name_len = std::strlen(g_tqredis_proc_name);
+  if (std::strncmp(file, g_tqredis_proc_name, name_len) != 0 ||
+      file[name_len] != '.') {
+    return false;
+  }
+  const char *digits = file + name_len + 1;
+  const char *dot = std::strchr(digits, '.');
+  if (dot == nullptr || dot == digits || dot - digits > 19 ||
+      !Digits(digits, static_cast<size_t>(dot - digits))) {
+    return false;
+  }
+  const char *time = dot + 1;
+  if (std::strlen(time) != kStampLen + sizeof(kSuffix) - 1 ||
+      !Digits(time, 8) || time[8] != '-' || !Digits(time + 9, 6) ||
+      std::strcmp(time + kStampLen, kSuffix) != 0) {
+    return false;
+  }
+  *stamp = time;
+  *pid = std::strtoull(digits, nullptr, 10);
+  return true;
+}
+
+// Removes the oldest stamped copies (by the time in their names, then the
+// pid) until at most `keep` remain. Rescans the folder for each removal: no
+// memory to allocate on the way out, and the folder holds few files.
+void PruneCopies(long keep) {
+  for (;;) {
+    DIR *dir = opendir(kCoredumpDir);
+    if (dir == nullptr) return;
+    long count = 0;
+    char oldest[256] = "";
+    char oldest_stamp[16] = "";
+    unsigned long long oldest_pid = 0;
+    // readdir is safe on a stream this thread alone opened (readdir_r is
+    // deprecated).
+    // cppcheck-suppress readdirCalled
+    while (const struct dirent *entry = readdir(dir)) {
+      const char *stamp;
+      unsigned long long pid;
+      if (!StampedCopy(entry->d_name, &stamp, &pid)) continue;
+      ++count;
+      const int order = std::strncmp(stamp, oldest_stamp, 15);
+      if (oldest[0] == '\0' || order < 0 || (order == 0 && pid < oldest_pid)) {
+        std::snprintf(oldest, sizeof(oldest), "%s", entry->d_name);
+        std::memcpy(oldest_stamp, stamp, 15);
+        oldest_stamp[15] = '\0';
+        oldest_pid = pid;
+      }
+    }
+    closedir(dir);
+    if (count <= keep) return;
+    char path[sizeof(kCoredumpDir) + sizeof(oldest)];
+    std::snprintf(path, sizeof(path), "%s%s", kCoredumpDir, oldest);
+    if (unlink(path) != 0) return;  // never loop on a file that stays
+  }
+}
+
+// Opens the copy as "cp -f" would: truncated when it exists, else created
+// 0666 (less the umask); a file that cannot be opened is removed and created
+// again. A symbolic link at the copy's name is replaced, never written
+// through. -1 when the folder is missing or refuses the file.
+int OpenCopy(const char *path) {
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+  int fd = open(path, flags, 0666);
+  if (fd >= 0 || errno == ENOENT || errno == ENOTDIR) return fd;
+  if (unlink(path) != 0) return -1;
+  return open(path, flags | O_EXCL, 0666);
+}
+
+// Copies the limited log into the coredump folder with plain reads and
+// writes: no child process, no shell, no PATH. A symbolic link at the log
+// path is refused (level 8); a missing log or folder fails quietly, as the
+// copy always has (nothing in the log, no copy).
+void CopyLimitLog(uint32_t db) {
   char source[128];
   std::snprintf(source, sizeof(source), "%s/%s.limitlog", "/tmp/tqredis/",
                 g_tqredis_proc_name);
-  char cp[] = "cp";
-  char force[] = "-f";
-  char target[sizeof(kCoredumpDir)];
-  std::memcpy(target, kCoredumpDir, sizeof(kCoredumpDir));
-  char *argv[] = {cp, force, source, target, nullptr};
-  pid_t pid;
-  if (posix_spawnp(&pid, "cp", nullptr, nullptr, argv, environ) == 0) {
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  const int in = open(source, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (in < 0) {
+    if (errno == ELOOP) {
+      TQ_LOG_FROM("tqredis_exit", __LINE__, kLogError,
+                  "%s limitlog %s is a symbolic link, not copied\r\n",
+                  DbName(db), source);
     }
+    return;
   }
-  std::exit(0);
+  const long keep =
+      tqredis::detail::OptionValue(tqredis::detail::kOpt_keepcopies);
+  char name[128];
+  CopyName(keep > 0, name, sizeof(name));
+  char target[sizeof(kCoredumpDir) + sizeof(name)];
+  std::snprintf(target, sizeof(target), "%s%s", kCoredumpDir, name);
+  const int out = OpenCopy(target);
+  if (out >= 0) {
+    char buf[4096];
+    for (;;) {
+      const ssize_t n = read(in, buf, sizeof(buf));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      ssize_t done = 0;
+      while (done < n) {
+        const ssize_t w = write(out, buf + done, static_cast<size_t>(n - done));
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) break;
+        done += w;
+      }
+      if (done < n) break;  // a full disk keeps what was written
+    }
+    close(out);
+    if (keep > 0) PruneCopies(keep);
+  }
+  close(in);
 }
+
+[[noreturn]] void ExitOnLostConnection(uint32_t op, uint32_t db) {
+  t_fatal_path_running = true;
+  TQ_LOG_FROM("tqredis_exit", __LINE__, kLogLife,
+              ">>>>exit for disconnecting from %s\r\n", DbName(db));
+  const long status =
+      tqredis::detail::OptionValue(tqredis::detail::kOpt_exitstatus);
+  if (status != 0) {
+    if (op == kOpUnknown) {
+      TQ_LOG_FROM("tqredis_exit", __LINE__, kLogError,
+                  "%s connection lost, exit with status %ld\r\n", DbName(db),
+                  status);
+    } else {
+      TQ_LOG_FROM("tqredis_exit", __LINE__, kLogError,
+                  "%s[%s] connection lost, exit with status %ld\r\n",
+                  DbName(db), OpName(op), status);
+    }
+    const tqredis::detail::FatalHook hook =
+        g_fatal_hook.load(std::memory_order_acquire);
+    if (hook != nullptr) hook();
+  }
+  // Each line is flushed as it is written; this makes sure of it before the
+  // file is read.
+  std::fflush(nullptr);
+  CopyLimitLog(db);
+  std::exit(static_cast<int>(status));
+}
+
+}  // namespace
+
+namespace tqredis::detail {
+
+void SetFatalHook(FatalHook hook) {
+  g_fatal_hook.store(hook, std::memory_order_release);
+}
+
+}  // namespace tqredis::detail

@@ -49,6 +49,15 @@ bool DropTimedOut(uint32_t db, uint32_t op, const char *what);
 // after a level-8 line (false). REQUIRES: the global lock is held.
 bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag);
 
+// Runs on the fatal path, when exitstatus is on, before the limited log is
+// copied and the process exits: the layers above write what would otherwise
+// be lost. It runs in the thread that lost the connection, usually holding
+// the global lock; a connection it loses in turn is dropped without starting
+// the fatal path again. It must bound its own time and must not exit.
+using FatalHook = void (*)();
+// Set once at load, before any connection exists.
+void SetFatalHook(FatalHook hook);
+
 }  // namespace tqredis::detail
 
 #endif  // TQREDIS_SRC_CONNECT_CONNECT_H_

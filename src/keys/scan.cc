@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "command/command.h"
 #include "core/keycmd.h"
 #include "core/log.h"
 #include "core/result.h"
 #include "pubsub/pubsub.h"
+#include "pubsub/pump.h"
 #include "records/records.h"
 #include "reply/reply.h"
 #include "tqredis.h"
@@ -133,11 +135,16 @@ int tqredis_check_scan_key_reply(redisReply *keys) {
   return 1;
 }
 
-void tqredis_scan_key_get(uint32_t db, redisReply *keys,
-                          tqredis_pmsg_hook_f callback, void *arg, int kind) {
+namespace {
+
+// tqredis_scan_key_get() for the walk over `pattern` (empty when called
+// directly), which only names it in the report of a slow hook.
+void ScanKeyGet(uint32_t db, redisReply *keys, tqredis_pmsg_hook_f callback,
+                void *arg, int kind, std::string_view pattern) {
+  static constexpr char kFunc[] = "tqredis_scan_key_get";
   if (db >= TQREDIS_DB_NUM || callback == nullptr) {
-    TQ_LOG(kLogData, "input arguments invalid, db=%d\r\n",
-           static_cast<int>(db));
+    TQ_LOG_FROM(kFunc, __LINE__, kLogData, "input arguments invalid, db=%d\r\n",
+                static_cast<int>(db));
     return;
   }
   if (tqredis_check_scan_key_reply(keys) == 0) {
@@ -161,15 +168,24 @@ void tqredis_scan_key_get(uint32_t db, redisReply *keys,
       // Flag 1: a replayed key, where live notifications use 0.
       const int slot =
           tqredis_db_in_log(key->str, static_cast<uint32_t>(keycmd), db, 1);
-      callback(&record, arg);
+      tqredis::detail::CallHookTimed({kFunc, __LINE__, "replay", pattern},
+                                     callback, &record, arg);
       if (slot != -1) tqredis_db_in_log_stat(static_cast<uint32_t>(slot));
-      tqredis_call_pmsg_hook(&record);
+      tqredis::detail::CallProcessHookTimed(
+          {kFunc, __LINE__, "process", pattern}, &record);
     } else {
-      TQ_LOG(kLogData, "check value reply fail\n");
+      TQ_LOG_FROM(kFunc, __LINE__, kLogData, "check value reply fail\n");
     }
     // Neither the callback nor the hook may keep it.
     tqredis_free_reply(value);
   }
+}
+
+}  // namespace
+
+void tqredis_scan_key_get(uint32_t db, redisReply *keys,
+                          tqredis_pmsg_hook_f callback, void *arg, int kind) {
+  ScanKeyGet(db, keys, callback, arg, kind, std::string_view(""));
 }
 
 int tqredis_scan_key_pattern(uint32_t db, const char *pattern, int count,
@@ -180,7 +196,7 @@ int tqredis_scan_key_pattern(uint32_t db, const char *pattern, int count,
     return kBadArgs;
   }
   return ScanPages(db, pattern, count, [&](redisReply *reply) {
-    tqredis_scan_key_get(db, Element(reply, 1), callback, arg, kind);
+    ScanKeyGet(db, Element(reply, 1), callback, arg, kind, pattern);
     return true;  // a bad key list skips the page, not the walk
   });
 }
@@ -197,7 +213,10 @@ int tqredis_key_pattern_walkthrough(uint32_t db, const char *pattern, int count,
     record.db = db;
     CopyKey(record.key, pattern);
     record.cmd = kKeyCmd_scan;
-    tqredis_call_pmsg_hook(&record);
+    // Named by hand: __func__ here is the lambda's.
+    tqredis::detail::CallProcessHookTimed(
+        {"tqredis_key_pattern_walkthrough", __LINE__, "process", pattern},
+        &record);
     redisReply *keys = Element(reply, 1);
     if (tqredis_check_scan_key_reply(keys) == 0) {
       tqredis_print_reply(keys);

@@ -5,6 +5,7 @@
 
 #include <sys/select.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +19,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/names.h"
+#include "core/options.h"
 #include "core/result.h"
 #include "core/state.h"
 #include "pubsub/pubsub.h"
@@ -218,10 +220,50 @@ int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
   return 0;
 }
 
-int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg) {
+namespace tqredis::detail {
+
+namespace {
+
+int64_t MonotonicNsec() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+}  // namespace
+
+int CallHookTimed(const HookSite &site, tqredis_pmsg_hook_f hook,
+                  tqredis_pmsg *pmsg, void *arg) {
+  const long limit_ms = OptionValue(kOpt_hookwarn);
+  if (limit_ms <= 0) return hook(pmsg, arg);
+  const int64_t start = MonotonicNsec();
+  const int rv = hook(pmsg, arg);
+  const int64_t took = MonotonicNsec() - start;
+  if (took > static_cast<int64_t>(limit_ms) * 1000000) {
+    // The record is read after the hook returned: its key may have been
+    // changed by the hook, yet it is the hook's own record to change.
+    TQ_LOG_FROM(site.func, site.line, kLogError,
+                "%s hook took %lld ms[db=%s pattern=%.*s key=%.*s]\r\n",
+                site.which, static_cast<long long>(took / 1000000),
+                DbName(pmsg->db), static_cast<int>(site.pattern.size()),
+                site.pattern.data(), static_cast<int>(sizeof(pmsg->key) - 1),
+                pmsg->key);
+  }
+  return rv;
+}
+
+int CallProcessHookTimed(const HookSite &site, tqredis_pmsg *pmsg) {
   // Read as one pair: another thread may replace it meanwhile.
-  const tqredis::detail::PmsgHook hook = tqredis::detail::GetPmsgHook();
-  return hook.hook != nullptr ? hook.hook(pmsg, hook.arg) : 0;
+  const PmsgHook hook = GetPmsgHook();
+  return hook.hook != nullptr ? CallHookTimed(site, hook.hook, pmsg, hook.arg)
+                              : 0;
+}
+
+}  // namespace tqredis::detail
+
+int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg) {
+  return tqredis::detail::CallProcessHookTimed(
+      {__func__, __LINE__, "process", std::string_view("")}, pmsg);
 }
 
 int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
@@ -244,10 +286,12 @@ int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
   if (node == head) return 0;  // no longer ours: dropped silently
   const int index =
       tqredis_db_in_log(pmsg.key, static_cast<uint32_t>(pmsg.cmd), db, 0);
-  node->hook(&pmsg, node->hook_arg);
-  // Only the subscription's own hook is timed.
+  tqredis::detail::CallHookTimed({__func__, __LINE__, "subscription", pattern},
+                                 node->hook, &pmsg, node->hook_arg);
+  // Only the subscription's own hook is timed in the statistics.
   if (index != -1) tqredis_db_in_log_stat(static_cast<uint32_t>(index));
-  tqredis_call_pmsg_hook(&pmsg);
+  tqredis::detail::CallProcessHookTimed(
+      {__func__, __LINE__, "process", pattern}, &pmsg);
   TQ_LOG(kLogData, "pmessage over[db=%s pattern=%.*s key=%s cmd=%s]\r\n",
          DbName(db), static_cast<int>(pattern.size()), pattern.data(), pmsg.key,
          g_tqredis_keycmd_str[pmsg.cmd]);
