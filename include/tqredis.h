@@ -373,7 +373,13 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 reply is read, so the command receives its own; arrived
  *                 replies are read without blocking at each flush and idle
  *                 wait, and in a blocking read past 1024 outstanding. An
- *                 error reply to a write is logged at level 8 and counted.
+ *                 error reply to a write is logged at level 8 with the
+ *                 database and the write's first word (at most 11
+ *                 characters; "(unknown)" for one sent with the switch off)
+ *                 and counted. tqredis_basic_stats_show() then adds
+ *                 "unread_replies=" and "reply_errors=" to each read and
+ *                 write connection. Expiry and the pattern walks pipeline
+ *                 their DELs as writes.
  *   waitlimit=MS  0..86400000: waits that otherwise never end give up after
  *                 MS milliseconds (0: never), measured on the monotonic
  *                 clock: the wait for tqredis_init() and the card
@@ -405,8 +411,11 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 process name (the oldest by the time in the name, then the
  *                 pid, removed; no other file is touched).
  *   recordall=1   every command through tqredis_db_command() is recorded in
- *                 the outbound ring (its command word's key command id, 27
- *                 when none; its first argument as the key).
+ *                 the outbound ring (its command word's key command id in
+ *                 any case, 27 when none; its first argument as sent as the
+ *                 key, cut to 127 characters). A read's elapsed time is its
+ *                 round trip; a write is not timed. The library's own
+ *                 statistics writes are not recorded.
  *   hookwarn=MS   0..86400000: a subscription hook, the process-wide hook or
  *                 a replay callback that runs longer than MS milliseconds
  *                 (monotonic clock) is reported at level 8: "<which> hook

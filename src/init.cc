@@ -92,6 +92,8 @@ void tqredis_basic_stats_show(void) {
   std::printf("\tprocname=%s\r\n", g_tqredis_proc_name);
   std::printf("\tinitok=%d\r\n", g_tqredis_init_ok);
   std::printf("connect_mng:\r\n");
+  const bool replies =
+      tqredis::detail::OptionValue(tqredis::detail::kOpt_replies) != 0;
   for (int op = 0; op < TQREDIS_OP_NUM; ++op) {
     for (int db = 0; db < TQREDIS_DB_NUM; ++db) {
       const tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
@@ -106,6 +108,15 @@ void tqredis_basic_stats_show(void) {
       std::printf("\tconnect_num=%d\r\n", static_cast<int>(slot.connect_num));
       std::printf("\tdatacheck_num=%d\r\n",
                   static_cast<int>(slot.datacheck_num));
+      // Shown only with replies=1: without it the dump stays as it was.
+      if (replies && op != TQREDIS_OP_PUBSUB) {
+        std::printf("\tunread_replies=%u\r\n",
+                    static_cast<unsigned>(tqredis::detail::UnreadReplies(
+                        static_cast<uint32_t>(op), static_cast<uint32_t>(db))));
+        std::printf("\treply_errors=%u\r\n",
+                    static_cast<unsigned>(tqredis::detail::ReplyErrors(
+                        static_cast<uint32_t>(op), static_cast<uint32_t>(db))));
+      }
     }
   }
 }

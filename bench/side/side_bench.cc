@@ -2,16 +2,19 @@
 // the same server and socket: the two sides alternate round by round (the
 // first side swaps each round) and each prints its median and spread.
 //   tqbench TEST [--rounds R] [--n N] [--side both|bare|tq]
-// TEST is get, set, notify or scan. The servers must already serve
-// /tmp/redis: redis_host and redis_ce_global by redis-server, redis_de_global
-// by tqbench_feeder (see bench/run.sh). With --side bare or tq only that
-// side runs, once, with callgrind's collection switched on around the
-// measured loop only, so that callgrind --collect-atstart=no counts the
-// client's instructions of those N operations and nothing else.
+// TEST is get, set, setreplies, notify or scan (setreplies: pipelined SETs
+// with replies=1 against bare hiredis reading every reply the same way). The
+// servers must already serve /tmp/redis: redis_host and redis_ce_global by
+// redis-server, redis_de_global by tqbench_feeder (see bench/run.sh). With
+// --side bare or tq only that side runs, once, with callgrind's collection
+// switched on around the measured loop only, so that callgrind
+// --collect-atstart=no counts the client's instructions of those N operations
+// and nothing else.
 //
 // Output, one line per figure:
 //   row <name> <unit> <bare median> <bare spread %> <tq median> <tq spread %>
 //   allocs <test> <bare per op> <tq per op>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -193,6 +196,77 @@ redisContext *SetContext(Side side) {
                              : tqredis_get_context(kHost, TQREDIS_OP_READ);
 }
 
+// ---- pipelined write, every reply read --------------------------------
+
+// The bound past which both sides wait for their replies.
+constexpr long kMaxUnread = 1024;
+
+// Reads one reply and checks it is the SET's "OK".
+void TakeOk(redisReply *reply) {
+  if (reply == nullptr || reply->type != REDIS_REPLY_STATUS) Fail("SET reply");
+  freeReplyObject(reply);
+}
+
+// Bare hiredis doing what replies=1 does: flush at the threshold, then take
+// the replies that have arrived without waiting; past 1024 owed, wait for
+// them all. Ends with a PING read after every reply, as the tq side does.
+void SetRepliesLoop(Side side, long n) {
+  if (side == Side::kTq) {
+    for (long i = 0; i < n; ++i) {
+      if (tqredis_db_command(
+              kHost, TQREDIS_OP_WRITE, -1, 0, "SET bench:set:%d %d",
+              static_cast<int>(i % kSetKeys), static_cast<int>(i)) != nullptr) {
+        Fail("SET returned a reply");
+      }
+    }
+    redisReply *pong =
+        tqredis_db_command(kHost, TQREDIS_OP_READ, -1, 0, "PING");
+    if (pong == nullptr || pong->type != REDIS_REPLY_STATUS) Fail("PING");
+    freeReplyObject(pong);
+    return;
+  }
+  redisContext *c = g.bare;
+  uint32_t pending = 0;
+  long owed = 0;
+  for (long i = 0; i < n; ++i) {
+    redisAppendCommand(c, "SET bench:set:%d %d", static_cast<int>(i % kSetKeys),
+                       static_cast<int>(i));
+    ++owed;
+    if (++pending >= kCommitThreshold) {
+      BareFlush(c);
+      pending = 0;
+      while (owed > 0) {
+        void *reply = nullptr;
+        if (redisGetReplyFromReader(c, &reply) != REDIS_OK) Fail("read");
+        if (reply != nullptr) {
+          TakeOk(static_cast<redisReply *>(reply));
+          --owed;
+          continue;
+        }
+        struct pollfd ready = {c->fd, POLLIN, 0};
+        if (poll(&ready, 1, 0) <= 0) break;
+        if (redisBufferRead(c) != REDIS_OK) Fail("read");
+      }
+    }
+    if (owed > kMaxUnread) {
+      for (; owed > 0; --owed) {
+        void *reply = nullptr;
+        if (redisGetReply(c, &reply) != REDIS_OK) Fail("read");
+        TakeOk(static_cast<redisReply *>(reply));
+      }
+      pending = 0;
+    }
+  }
+  for (; owed > 0; --owed) {
+    void *reply = nullptr;
+    if (redisGetReply(c, &reply) != REDIS_OK) Fail("read");
+    TakeOk(static_cast<redisReply *>(reply));
+  }
+  redisReply *pong = static_cast<redisReply *>(redisCommand(c, "PING"));
+  if (pong == nullptr || pong->type != REDIS_REPLY_STATUS) Fail("PING");
+  freeReplyObject(pong);
+}
+
 // ---- notification delivery ---------------------------------------------
 
 int CountingHook(tqredis_pmsg *, void *arg) {
@@ -344,10 +418,11 @@ double CpuNsPerOp(const Sample &s, long n) { return s.cpu_seconds * 1e9 / n; }
 
 int main(int argc, char **argv) {
   if (argc < 2) {
-    std::fprintf(stderr,
-                 "usage: %s get|set|notify|scan [--rounds R] [--n N] "
-                 "[--side both|bare|tq]\n",
-                 argv[0]);
+    std::fprintf(
+        stderr,
+        "usage: %s get|set|setreplies|notify|scan [--rounds R] [--n N] "
+        "[--side both|bare|tq]\n",
+        argv[0]);
     return 2;
   }
   const std::string test = argv[1];
@@ -389,6 +464,11 @@ int main(int argc, char **argv) {
     loop = SetLoop;
     after = [](Side side, long count) { Confirm(SetContext(side), count); };
     figures = {{"write", "SET/s", PerSecond}};
+  } else if (test == "setreplies") {
+    if (n == 0) n = 200000;
+    if (tqredis_set_option("replies", 1) != 0) Fail("replies=1");
+    loop = SetRepliesLoop;
+    figures = {{"write_replies", "SET/s", PerSecond}};
   } else if (test == "notify") {
     if (n == 0) n = 1000000;
     tqredis_db_psubscrible();

@@ -6,6 +6,7 @@
 #include "connect/connect.h"
 #include "core/keycmd.h"
 #include "core/log.h"
+#include "core/options.h"
 #include "core/result.h"
 #include "records/records.h"
 #include "reply/reply.h"
@@ -26,9 +27,13 @@ namespace {
 // write's reply, so the next read on that connection would be handed it:
 // within a walk that is the next PTTL, read as the next key's time to live,
 // or the next SCAN. Such writes go on the read path instead, on the same
-// connection, and their replies are consumed by Send(). A card with its own
-// write connections pipelines them as ordinary writes.
+// connection, and their replies are consumed by Consume(). A card with its
+// own write connections pipelines them as ordinary writes, and so does every
+// card with replies=1, where the command layer reads the writes' replies
+// before the next read.
 int KeyWriteOp(uint32_t db) {
+  if (tqredis::detail::OptionValue(tqredis::detail::kOpt_replies) != 0)
+    return TQREDIS_OP_WRITE;
   return tqredis_get_write_connext_stats(db) == 1 ? TQREDIS_OP_WRITE
                                                   : TQREDIS_OP_READ;
 }

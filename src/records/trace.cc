@@ -1,12 +1,16 @@
 // Start and end marks of the key operations: recording into the rings, the
-// trace line, elapsed time and peak, and the snapshot pair handed to a
-// monitoring caller.
+// trace line, elapsed time and peak, the snapshot pair handed to a
+// monitoring caller, and the recording of every command with recordall=1.
 #include <sys/time.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
+#include "command/command.h"
 #include "core/config.h"
+#include "core/keycmd.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/result.h"
@@ -150,3 +154,45 @@ int tqredis_get_db_op_snap(tqredis_op_snap *buf) {
   std::memset(&g_tqredis_snap, 0, sizeof(g_tqredis_snap));
   return kOk;
 }
+
+namespace {
+
+// The key command id named `word` in any case ("hset", "HSET"), else
+// kKeyCmd_other.
+tqredis::detail::KeyCmd KeyCmdOfWord(std::string_view word) {
+  using tqredis::detail::kKeyCmdNames;
+  for (int id = 0; id < tqredis::detail::kKeyCmd_other; ++id) {
+    const std::string_view name = kKeyCmdNames[id];
+    if (name.size() != word.size()) continue;
+    size_t i = 0;
+    while (i < name.size() && name[i] == (word[i] | 0x20)) ++i;
+    if (i == name.size()) return static_cast<tqredis::detail::KeyCmd>(id);
+  }
+  return tqredis::detail::kKeyCmd_other;
+}
+
+// A command as an outbound operation: its word's id, its first argument as
+// the key (cut to what a record holds).
+int StartCommand(uint32_t db, std::string_view word, std::string_view key) {
+  if (tqredis::detail::t_writing_stats) return kFail;
+  char text[sizeof(tqredis_op_record::key)];
+  const size_t n =
+      key.size() < sizeof(text) - 1 ? key.size() : sizeof(text) - 1;
+  std::memcpy(text, key.data(), n);
+  text[n] = '\0';
+  return tqredis_db_out_log(text, static_cast<uint32_t>(KeyCmdOfWord(word)), db,
+                            0);
+}
+
+void EndCommand(int slot) {
+  tqredis_db_out_log_stat(static_cast<uint32_t>(slot));
+}
+
+constexpr tqredis::detail::CommandRecorder kRecorder = {StartCommand,
+                                                        EndCommand};
+
+// Installed while the library loads, before the host can send anything.
+[[maybe_unused]] const bool g_recorder_installed =
+    (tqredis::detail::SetCommandRecorder(&kRecorder), true);
+
+}  // namespace
