@@ -106,9 +106,10 @@ side() {
       printf "%s: heap allocations by tqredis|per op|%.2f|%.2f|%+.2f|0\n",
         $2, $3, $4, $4 - $3 + 0 }' "$work/$test.out" >>"$rows"
 }
-targets="read;synchronous read (GET);>= 0.97;write;pipelined write (SET, threshold 32), server-confirmed;>= 0.95;notify_cpu;notification delivery, client CPU;<= 2.0x;notify_rate;notification delivery, 1,000,000 as fast as the socket takes;tqredis >= 600,000/s;scan;scan replay (kind 0) vs SCAN + GET;>= 0.95"
+targets="read;synchronous read (GET);>= 0.97;write_replies;pipelined write, replies=1, vs hiredis reading every reply;>= 0.95;write;pipelined write (SET, threshold 32), server-confirmed;>= 0.95;notify_cpu;notification delivery, client CPU;<= 2.0x;notify_rate;notification delivery, 1,000,000 as fast as the socket takes;tqredis >= 600,000/s;scan;scan replay (kind 0) vs SCAN + GET;>= 0.95"
 side get
 side set
+side setreplies
 side notify
 side scan
 
