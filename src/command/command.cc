@@ -212,7 +212,8 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
   const bool words_needed = extras.record || (extras.replies && ledger);
   if (op == TQREDIS_OP_READ) {
     // Older replies first, so that this command receives its own.
-    if (extras.replies && ReadAllOwed(dbop, db, *ledger) != 0) {
+    if (extras.replies && ledger != nullptr &&
+        ReadAllOwed(dbop, db, *ledger) != 0) {
       TQ_LOG_FROM("tqredis_exec_command", __LINE__, kLogError,
                   "%s[%s] read command fail\r\n", DbName(db),
                   OpName(TQREDIS_OP_READ));

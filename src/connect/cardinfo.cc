@@ -12,7 +12,6 @@
 #include "tqredis.h"
 
 using tqredis::detail::g_tqredis_cardinfo;
-using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
 using tqredis::detail::kUnknownNode;
 
