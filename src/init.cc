@@ -37,12 +37,10 @@ void WriteStatsBeforeExit() {
   tqredis::detail::ScopedLock lock;
   const auto dbop = static_cast<uint32_t>(
       tqredis_calc_dbop(TQREDIS_DB_HOST, TQREDIS_OP_WRITE));
-  redisContext *ctx = tqredis_get_context(TQREDIS_DB_HOST, dbop);
-  if (ctx == nullptr) return;
-  long limit = tqredis::detail::OptionValue(tqredis::detail::kOpt_waitlimit);
-  if (limit <= 0) limit = 1000;
-  const struct timeval timeout = {limit / 1000, (limit % 1000) * 1000};
-  redisSetTimeout(ctx, timeout);
+  if (tqredis_get_context(TQREDIS_DB_HOST, dbop) == nullptr) return;
+  const long limit = tqredis::detail::WaitLimitMs();
+  tqredis::detail::SetSlotTimeout(TQREDIS_DB_HOST, dbop,
+                                  limit > 0 ? limit : 1000);
   tqredis_db_save_log();
   tqredis_commit_command(TQREDIS_DB_HOST, dbop, TQREDIS_CMD_COMMIT);
 }

@@ -6,6 +6,7 @@
 
 #include "connect/connect.h"
 #include "connect/table.h"
+#include "core/clock.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/names.h"

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +16,7 @@
 #include "connect/connect.h"
 #include "connect/reader.h"
 #include "connect/table.h"
+#include "core/clock.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/names.h"
@@ -85,12 +85,6 @@ bool TimedOut(const redisContext *ctx) {
 
 namespace tqredis::detail {
 
-int64_t MonotonicMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 long WaitLimitMs() { return OptionValue(kOpt_waitlimit); }
 
 void SleepUntilAtMost(int64_t deadline_ms) {
@@ -103,16 +97,19 @@ void SleepUntilAtMost(int64_t deadline_ms) {
   }
 }
 
-void ApplyWaitLimit(uint32_t db, uint32_t op) {
+void SetSlotTimeout(uint32_t db, uint32_t op, long ms) {
   if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) return;
   redisContext *ctx = g_tqredis_connect_mng[op][db].context;
   if (ctx == nullptr) return;
-  const long want = op == TQREDIS_OP_PUBSUB ? 0 : WaitLimitMs();
   AppliedTimeout &applied = g_applied[op][db];
   const long have = applied.context == ctx ? applied.ms : 0;
-  if (have == want) return;
-  SetSocketTimeout(ctx, want);
-  applied = {ctx, want};
+  if (have == ms) return;
+  SetSocketTimeout(ctx, ms);
+  applied = {ctx, ms};
+}
+
+void ApplyWaitLimit(uint32_t db, uint32_t op) {
+  SetSlotTimeout(db, op, op == TQREDIS_OP_PUBSUB ? 0 : WaitLimitMs());
 }
 
 bool DropTimedOut(uint32_t db, uint32_t op, const char *what) {

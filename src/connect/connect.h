@@ -16,10 +16,6 @@
 
 namespace tqredis::detail {
 
-// Milliseconds on the monotonic clock: a deadline must not move when the
-// time of day is set, which a device does when it learns the time.
-int64_t MonotonicMs();
-
 // The waitlimit in force, in milliseconds; 0 when waits never give up.
 long WaitLimitMs();
 
@@ -34,6 +30,11 @@ void SleepUntilAtMost(int64_t deadline_ms);
 // time-out in the middle of a long notification would look like a loss.
 // REQUIRES: the global lock is held.
 void ApplyWaitLimit(uint32_t db, uint32_t op);
+
+// Gives slot [op][db]'s socket a read and write time-out of `ms` (0: none),
+// unless it already has it, and remembers it, so that a time-out met later
+// is told from a lost connection (DropTimedOut). REQUIRES: the global lock.
+void SetSlotTimeout(uint32_t db, uint32_t op, long ms);
 
 // When slot [op][db]'s last read or write on the socket timed out under
 // the waitlimit, frees its context without the fatal path (a server that

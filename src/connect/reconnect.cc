@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "connect/connect.h"
+#include "core/clock.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/names.h"

@@ -38,6 +38,22 @@ class ScopedLock {
   const unsigned depth_;
 };
 
+// Holds a plain (non-recursive, always real) mutex for one scope: the small
+// private locks that keep a few words together, such as the process-wide
+// hook's pair and the switches. Never held while calling out.
+class MutexLock {
+ public:
+  explicit MutexLock(pthread_mutex_t *mutex) : mutex_(mutex) {
+    pthread_mutex_lock(mutex_);
+  }
+  ~MutexLock() { pthread_mutex_unlock(mutex_); }
+  MutexLock(const MutexLock &) = delete;
+  MutexLock &operator=(const MutexLock &) = delete;
+
+ private:
+  pthread_mutex_t *const mutex_;
+};
+
 }  // namespace tqredis::detail
 
 #endif  // TQREDIS_SRC_CORE_LOCK_H_

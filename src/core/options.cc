@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "core/lock.h"
 #include "core/log.h"
 #include "core/result.h"
 #include "tqredis.h"
@@ -61,11 +62,10 @@ bool SetOption(Option option, long value) {
   if (option < 0 || option >= kOptionCount) return false;
   const OptionRange &range = kOptionRanges[option];
   if (value < range.low || value > range.high) return false;
-  pthread_mutex_lock(&g_options_mutex);
+  MutexLock lock(&g_options_mutex);
   g_explicit[option] = true;
   g_explicit_value[option] = value;
   Recompute();
-  pthread_mutex_unlock(&g_options_mutex);
   return true;
 }
 

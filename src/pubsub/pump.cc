@@ -5,7 +5,6 @@
 
 #include <sys/select.h>
 #include <sys/time.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +14,7 @@
 
 #include "command/command.h"
 #include "connect/connect.h"
+#include "core/clock.h"
 #include "core/keycmd.h"
 #include "core/lock.h"
 #include "core/log.h"
@@ -221,16 +221,6 @@ int tqredis_get_pmsg_by_reply(redisReply *reply, tqredis_pmsg *pmsg) {
 }
 
 namespace tqredis::detail {
-
-namespace {
-
-int64_t MonotonicNsec() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-}  // namespace
 
 int CallHookTimed(const HookSite &site, tqredis_pmsg_hook_f hook,
                   tqredis_pmsg *pmsg, void *arg) {

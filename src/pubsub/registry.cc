@@ -37,16 +37,13 @@ pthread_mutex_t g_pmsg_hook_mutex = PTHREAD_MUTEX_INITIALIZER;
 }  // namespace
 
 void SetPmsgHook(PmsgHook hook) {
-  pthread_mutex_lock(&g_pmsg_hook_mutex);
+  MutexLock lock(&g_pmsg_hook_mutex);
   g_pmsg_hook = hook;
-  pthread_mutex_unlock(&g_pmsg_hook_mutex);
 }
 
 PmsgHook GetPmsgHook() {
-  pthread_mutex_lock(&g_pmsg_hook_mutex);
-  const PmsgHook hook = g_pmsg_hook;
-  pthread_mutex_unlock(&g_pmsg_hook_mutex);
-  return hook;
+  MutexLock lock(&g_pmsg_hook_mutex);
+  return g_pmsg_hook;
 }
 
 }  // namespace tqredis::detail
