@@ -415,7 +415,10 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 any case, 27 when none; its first argument as sent as the
  *                 key, cut to 127 characters). A read's elapsed time is its
  *                 round trip; a write is not timed. The library's own
- *                 statistics writes are not recorded.
+ *                 statistics writes are not recorded, and the commands of
+ *                 operations it records itself (a walk's SCAN pages, the
+ *                 expiry's PEXPIRE, PTTL and DEL, the client status query)
+ *                 keep their one record.
  *   hookwarn=MS   0..86400000: a subscription hook, the process-wide hook or
  *                 a replay callback that runs longer than MS milliseconds
  *                 (monotonic clock) is reported at level 8: "<which> hook

@@ -69,6 +69,8 @@ struct ReplyLedger {
 ReplyLedger g_ledger[TQREDIS_OP_PUBSUB][TQREDIS_DB_NUM];
 
 const tqredis::detail::CommandRecorder *g_recorder = nullptr;
+// Live UnrecordedScopes of this thread.
+thread_local unsigned t_unrecorded = 0;
 
 bool RepliesOn() { return OptionValue(kOpt_replies) != 0; }
 bool RecordAllOn() { return OptionValue(kOpt_recordall) != 0; }
@@ -299,6 +301,9 @@ void SetCommandRecorder(const CommandRecorder *recorder) {
   g_recorder = recorder;
 }
 
+UnrecordedScope::UnrecordedScope() { ++t_unrecorded; }
+UnrecordedScope::~UnrecordedScope() { --t_unrecorded; }
+
 uint32_t UnreadReplies(uint32_t op, uint32_t db) {
   if (op >= TQREDIS_OP_PUBSUB || db >= TQREDIS_DB_NUM) return 0;
   return Unread(LedgerOf(op, db));
@@ -381,7 +386,7 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
   {
     tqredis::detail::ScopedLock lock;
     // Read once: a switch turned meanwhile applies from the next command.
-    Extras extras = {RepliesOn(), RecordAllOn(), false};
+    Extras extras = {RepliesOn(), RecordAllOn() && t_unrecorded == 0, false};
     for (;;) {
       // Without a waitlimit this waits for as long as it takes.
       if (!tqredis::detail::WaitCardinfo(udb, uop, flag)) {

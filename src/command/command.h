@@ -30,6 +30,18 @@ struct CommandRecorder {
 // before any command.
 void SetCommandRecorder(const CommandRecorder *recorder);
 
+// While one is alive on a thread, the commands that thread sends are not
+// recorded by recordall=1: the library's own operations (the pattern walks,
+// expiry, client status) record themselves, with their own key, and the
+// statistics written into redis_host are not operations of the process.
+class UnrecordedScope {
+ public:
+  UnrecordedScope();
+  ~UnrecordedScope();
+  UnrecordedScope(const UnrecordedScope &) = delete;
+  UnrecordedScope &operator=(const UnrecordedScope &) = delete;
+};
+
 // Replies owed by connection [op][db] (read or write) and not read yet,
 // counted from its connect; 0 for other ids. REQUIRES: the global lock.
 uint32_t UnreadReplies(uint32_t op, uint32_t db);

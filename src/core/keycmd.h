@@ -3,6 +3,7 @@
 #ifndef TQREDIS_SRC_CORE_KEYCMD_H_
 #define TQREDIS_SRC_CORE_KEYCMD_H_
 
+#include <cstddef>
 #include <iterator>
 #include <string_view>
 
@@ -48,6 +49,21 @@ constexpr KeyCmd KeyCmdFromEvent(std::string_view event) {
   return kKeyCmd_other;
 }
 static_assert(KeyCmdFromEvent("SET") == kKeyCmd_other);  // exact match only
+
+// The same for a command word as a host writes it, in any case ("HSET",
+// "hset"); the names hold only lowercase letters.
+constexpr KeyCmd KeyCmdFromWord(std::string_view word) {
+  for (int id = 0; id < kKeyCmd_other; ++id) {
+    const std::string_view name = kKeyCmdNames[id];
+    if (name.size() != word.size()) continue;
+    size_t i = 0;
+    while (i < name.size() && name[i] == (word[i] | 0x20)) ++i;
+    if (i == name.size()) return static_cast<KeyCmd>(id);
+  }
+  return kKeyCmd_other;
+}
+static_assert(KeyCmdFromWord("HSet") == kKeyCmd_hset);
+static_assert(KeyCmdFromWord("CLIENT") == kKeyCmd_other);
 static_assert(KeyCmdFromEvent("other") == kKeyCmd_other);
 static_assert(KeyCmdFromEvent("expired") == kKeyCmd_expired);
 

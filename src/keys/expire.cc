@@ -46,6 +46,7 @@ void Consume(redisReply *reply) {
 
 // "PEXPIRE %s %d", written out at once.
 void SendPexpire(uint32_t db, const char *key, int ageing_time) {
+  const tqredis::detail::UnrecordedScope recorded_by_caller;
   Consume(tqredis_db_command(static_cast<int>(db), KeyWriteOp(db), -1,
                              TQREDIS_CMD_COMMIT, "PEXPIRE %s %d", key,
                              ageing_time));
@@ -85,6 +86,8 @@ int tqredis_expire_key_del(int db, const char *key, void * /*arg*/) {
     return kFail;
   }
   const auto udb = static_cast<uint32_t>(db);
+  // Each command below is recorded by the tqredis_db_out_log() before it.
+  const tqredis::detail::UnrecordedScope recorded_here;
   tqredis_db_out_log(key, kKeyCmd_pttl, udb, 0);
   redisReply *reply =
       tqredis_db_command(db, TQREDIS_OP_READ, -1, 0, "PTTL %s", key);

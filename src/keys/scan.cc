@@ -84,9 +84,13 @@ int ScanPages(uint32_t db, const char *pattern, int count, OnPage on_page) {
   int cursor = 0;
   do {
     tqredis_db_out_log(pattern, kKeyCmd_scan, db, 0);
-    redisReply *reply =
-        tqredis_db_command(static_cast<int>(db), TQREDIS_OP_READ, -1, 0,
-                           "SCAN %d MATCH %s COUNT %d", cursor, pattern, count);
+    redisReply *reply = nullptr;
+    {
+      const tqredis::detail::UnrecordedScope recorded_above;
+      reply = tqredis_db_command(static_cast<int>(db), TQREDIS_OP_READ, -1, 0,
+                                 "SCAN %d MATCH %s COUNT %d", cursor, pattern,
+                                 count);
+    }
     if (tqredis_check_scan_reply(reply) == 0) {
       tqredis_print_reply(reply);
       tqredis_free_reply(reply);

@@ -58,8 +58,6 @@ static_assert(sizeof(tqredis_op_snap) == 488);
 
 namespace tqredis::detail {
 
-thread_local bool t_writing_stats = false;
-
 namespace {
 
 // The calling thread's id, asked of the kernel once per thread: a system call
@@ -190,13 +188,7 @@ void tqredis_db_write_log(tqredis_op_log *log, const char *dir) {
   if (log == nullptr || dir == nullptr) return;
   // With recordall=1 each write below would be recorded into the ring being
   // written out, a record per record.
-  struct WritingStats {
-    WritingStats() : was(tqredis::detail::t_writing_stats) {
-      tqredis::detail::t_writing_stats = true;
-    }
-    ~WritingStats() { tqredis::detail::t_writing_stats = was; }
-    const bool was;
-  } writing_stats;
+  const tqredis::detail::UnrecordedScope unrecorded;
   const RecordText peak = Describe(log->peak, Elapsed::kShown);
   tqredis_db_command(
       TQREDIS_DB_HOST, TQREDIS_OP_WRITE, -1, TQREDIS_CMD_NO_RECONNECT,

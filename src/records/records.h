@@ -22,10 +22,6 @@ inline constexpr uint32_t kRingSize =
     sizeof(tqredis_op_log::records) / sizeof(tqredis_op_log::records[0]);
 static_assert(kRingSize == 32);
 
-// True on a thread while it writes the statistics into redis_host: those
-// writes are not operations of the process and are never recorded.
-extern thread_local bool t_writing_stats;
-
 // The calling thread's kernel id (gettid), not the process id or the
 // threading library's handle.
 int32_t KernelTid();

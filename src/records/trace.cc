@@ -157,31 +157,17 @@ int tqredis_get_db_op_snap(tqredis_op_snap *buf) {
 
 namespace {
 
-// The key command id named `word` in any case ("hset", "HSET"), else
-// kKeyCmd_other.
-tqredis::detail::KeyCmd KeyCmdOfWord(std::string_view word) {
-  using tqredis::detail::kKeyCmdNames;
-  for (int id = 0; id < tqredis::detail::kKeyCmd_other; ++id) {
-    const std::string_view name = kKeyCmdNames[id];
-    if (name.size() != word.size()) continue;
-    size_t i = 0;
-    while (i < name.size() && name[i] == (word[i] | 0x20)) ++i;
-    if (i == name.size()) return static_cast<tqredis::detail::KeyCmd>(id);
-  }
-  return tqredis::detail::kKeyCmd_other;
-}
-
 // A command as an outbound operation: its word's id, its first argument as
 // the key (cut to what a record holds).
 int StartCommand(uint32_t db, std::string_view word, std::string_view key) {
-  if (tqredis::detail::t_writing_stats) return kFail;
   char text[sizeof(tqredis_op_record::key)];
   const size_t n =
       key.size() < sizeof(text) - 1 ? key.size() : sizeof(text) - 1;
   std::memcpy(text, key.data(), n);
   text[n] = '\0';
-  return tqredis_db_out_log(text, static_cast<uint32_t>(KeyCmdOfWord(word)), db,
-                            0);
+  return tqredis_db_out_log(
+      text, static_cast<uint32_t>(tqredis::detail::KeyCmdFromWord(word)), db,
+      0);
 }
 
 void EndCommand(int slot) {

@@ -146,9 +146,13 @@ int tqredis_get_proc_dbstatus(uint32_t db, const char *proc,
     tqredis_db_out_log(client, kKeyCmd_clientlistname, db, 0);
     // Flag 2: a client that cannot be asked now is reported offline rather
     // than waited for.
-    redisReply *reply = tqredis_db_command(
-        static_cast<int>(db), TQREDIS_OP_READ, -1, TQREDIS_CMD_NO_RECONNECT,
-        "CLIENT LIST %s-%s", proc, op_name);
+    redisReply *reply = nullptr;
+    {
+      const tqredis::detail::UnrecordedScope recorded_above;
+      reply = tqredis_db_command(static_cast<int>(db), TQREDIS_OP_READ, -1,
+                                 TQREDIS_CMD_NO_RECONNECT, "CLIENT LIST %s-%s",
+                                 proc, op_name);
+    }
     char *text = nullptr;
     int len = 0;
     const int rv = tqredis_get_key_reply_strval(reply, &text, &len);

@@ -119,6 +119,27 @@ TEST_F(RecordAll, WritingTheStatisticsRecordsNothingOfItself) {
   EXPECT_STREQ(total->str, "3");
 }
 
+TEST_F(RecordAll, TheLibrarysOwnOperationsKeepTheirOneRecord) {
+  // Expiring keys on the walk: a SCAN page, then a PTTL and a DEL per key
+  // that expires, each already an outbound record of the walk's own.
+  RunOn(1, "SET walk:1 v PX 5000");
+  ASSERT_EQ(tqredis_del_expire_key_pattern(1, "walk:*", 10), 0);
+  ASSERT_EQ(g_tqredis_out_log.total, 3u);
+  const auto &records = g_tqredis_out_log.records;
+  EXPECT_STREQ(records[0].cmd, "scan");
+  EXPECT_STREQ(records[0].key, "walk:*");
+  EXPECT_STREQ(records[1].cmd, "pttl");
+  EXPECT_STREQ(records[1].key, "walk:1");
+  EXPECT_STREQ(records[2].cmd, "del");
+  EXPECT_STREQ(records[2].key, "walk:1");
+  // A client status query: one "clientlistname" record per connection asked.
+  tqredis_client_status st[3];
+  ASSERT_EQ(tqredis_get_proc_dbstatus(2, "nosuchproc", st), 0);
+  EXPECT_EQ(g_tqredis_out_log.total, 5u);  // read and pubsub; no write slot
+  EXPECT_STREQ(Last().cmd, "clientlistname");
+  EXPECT_STREQ(Last().key, "nosuchproc-pubsub");
+}
+
 TEST_F(RecordAllOff, CommandsAreNotRecorded) {
   tqredis_db_command(0, TQREDIS_OP_WRITE, -1, TQREDIS_CMD_COMMIT,
                      "HSET %s %s %s", "dev/port/1", "speed", "100");
