@@ -172,10 +172,18 @@ static void show_own_status(void) {
   }
 }
 
-int main(void) {
+int main(int argc, char **argv) {
   pthread_t thread;
   int after;
   int rv;
+
+  /* "--safe": every safety switch on, as a line "safe=1" in
+   * /data/tqredis/tqexample.dbg would do (the main job runs it so). */
+  if (argc > 1 && strcmp(argv[1], "--safe") == 0) {
+    if (tqredis_set_option("safe", 1) != 0) return 1;
+    printf("safe=1: replies read, waits bounded to %ld ms, fatal exit %ld\n",
+           tqredis_get_option("waitlimit"), tqredis_get_option("exitstatus"));
+  }
 
   /* Library messages go to its log files only, errors included, so that
    * the console shows what the process does. Operation times on. */

@@ -41,10 +41,13 @@ class Examples : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Examples, CProcessReplaysThenPrintsEveryChangeItsWorkerMakes) {
-  const tqtest::ChildResult run = tqtest::RunProgram({TQEXAMPLE_PATH});
-  ASSERT_EQ(run.exit_code, 0) << run.out;
-  const std::vector<std::string> lines = LinesOf(run.out);
+namespace {
+
+// What the C example prints from its init line on, whatever switches it ran
+// with: the replayed state, every change its worker makes, its connections
+// and its records.
+void ExpectTheCTour(const std::vector<std::string> &lines,
+                    const tqtest::ChildResult &run) {
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0],
             "tqexample: tqredis_init gave 0; watching example:fan:*, "
@@ -105,6 +108,28 @@ TEST_F(Examples, CProcessReplaysThenPrintsEveryChangeItsWorkerMakes) {
   EXPECT_NE(run.out.find("in_log cmd_total=14 cmd_peak="), std::string::npos);
   EXPECT_EQ(lines.back(),
             "library log: /tmp/tqredis/tqexample.limitlog and .unlimitlog");
+}
+
+}  // namespace
+
+TEST_F(Examples, CProcessReplaysThenPrintsEveryChangeItsWorkerMakes) {
+  const tqtest::ChildResult run = tqtest::RunProgram({TQEXAMPLE_PATH});
+  ASSERT_EQ(run.exit_code, 0) << run.out;
+  const std::vector<std::string> lines = LinesOf(run.out);
+  ASSERT_FALSE(lines.empty());
+  ExpectTheCTour(lines, run);
+}
+
+TEST_F(Examples, CProcessRunsTheSameTourWithEverySafetySwitchOn) {
+  const tqtest::ChildResult run =
+      tqtest::RunProgram({TQEXAMPLE_PATH, "--safe"});
+  ASSERT_EQ(run.exit_code, 0) << run.out;
+  std::vector<std::string> lines = LinesOf(run.out);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0],
+            "safe=1: replies read, waits bounded to 5000 ms, fatal exit 75");
+  lines.erase(lines.begin());
+  ExpectTheCTour(lines, run);
 }
 
 TEST_F(Examples, CppProcessReplaysTheSensorThenSeesEachChangeInOrder) {
