@@ -117,6 +117,24 @@ void PassOn(int sig, siginfo_t *info, void *) {
   errno = saved;
 }
 
+// In a forked emulator: standard input from /dev/null, standard output and
+// error to the log file when one is named, else to the caller's standard
+// error (`keep_stderr`) or to /dev/null.
+void RedirectStdio(const std::string &log, bool keep_stderr) {
+  const int in = open("/dev/null", O_RDONLY);
+  const int out = !log.empty()
+                      ? open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)
+                  : keep_stderr ? dup(2)
+                                : open("/dev/null", O_WRONLY);
+  if (in >= 0) dup2(in, 0);
+  if (out >= 0) {
+    dup2(out, 1);
+    dup2(out, 2);
+  }
+  if (in > 2) close(in);
+  if (out > 2) close(out);
+}
+
 void Reap(pid_t pid, int *status) {
   while (waitpid(pid, status, 0) < 0 && errno == EINTR) {
   }
@@ -161,18 +179,7 @@ pid_t SpawnEmulator(const RunOptions &options) {
     // not stop the emulator.
     signal(SIGTTOU, SIG_IGN);
     close(pipe_fds[0]);
-    const int in = open("/dev/null", O_RDONLY);
-    const int out =
-        options.log.empty()
-            ? dup(2)
-            : open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (in >= 0) dup2(in, 0);
-    if (out >= 0) {
-      dup2(out, 1);
-      dup2(out, 2);
-    }
-    if (in > 2) close(in);
-    if (out > 2) close(out);
+    RedirectStdio(options.log, /*keep_stderr=*/true);
     RunOptions child = options;
     child.ready_fd = pipe_fds[1];
     _exit(Serve(child));
@@ -317,18 +324,7 @@ int Start(const RunOptions &options) {
   if (pid == 0) {
     close(pipe_fds[0]);
     setsid();
-    const int in = open("/dev/null", O_RDONLY);
-    const int out =
-        options.log.empty()
-            ? open("/dev/null", O_WRONLY)
-            : open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (in >= 0) dup2(in, 0);
-    if (out >= 0) {
-      dup2(out, 1);
-      dup2(out, 2);
-    }
-    if (in > 2) close(in);
-    if (out > 2) close(out);
+    RedirectStdio(options.log, /*keep_stderr=*/false);
     RunOptions child = options;
     child.ready_fd = pipe_fds[1];
     std::fflush(nullptr);
