@@ -35,6 +35,8 @@ bool WaitReadable(int fd, int64_t deadline) {
   return left > 0 && poll(&p, 1, static_cast<int>(left)) > 0;
 }
 
+}  // namespace
+
 std::vector<char *> Argv(const std::vector<std::string> &args) {
   std::vector<char *> argv;
   for (const std::string &a : args)
@@ -42,8 +44,6 @@ std::vector<char *> Argv(const std::vector<std::string> &args) {
   argv.push_back(nullptr);
   return argv;
 }
-
-}  // namespace
 
 pid_t Spawn(const std::vector<std::string> &args, int *out_fd) {
   int fds[2];

@@ -32,6 +32,9 @@ Output RunProgram(const std::vector<std::string> &args);
 
 // Starts a child, returning its pid and a descriptor on its standard output.
 pid_t Spawn(const std::vector<std::string> &args, int *out_fd);
+// `args` as an execvp() argument vector, NULL-terminated; it points into
+// `args`, which must outlive it.
+std::vector<char *> Argv(const std::vector<std::string> &args);
 
 // Reads from `fd` until `text` holds `wanted` bytes or 10 s pass.
 std::string ReadAtLeast(int fd, size_t wanted);

@@ -30,14 +30,6 @@ struct Result {
   std::string err;
 };
 
-std::vector<char *> Argv(const std::vector<std::string> &args) {
-  std::vector<char *> argv;
-  for (const std::string &a : args)
-    argv.push_back(const_cast<char *>(a.c_str()));
-  argv.push_back(nullptr);
-  return argv;
-}
-
 int Code(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
