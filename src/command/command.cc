@@ -341,10 +341,12 @@ void tqredis_commit_command_all(void) {
   // Pubsub slots carry no pipelined writes of ours worth forcing out here.
   for (uint32_t db = 0; db < TQREDIS_DB_NUM; ++db) {
     for (uint32_t op : {TQREDIS_OP_READ, TQREDIS_OP_WRITE}) {
+      // A flush reads what has arrived itself; a slot with nothing to flush
+      // still gets the idle tick's read of replies that came since. A
+      // failure leaves the context in error for the next command to find.
+      const bool flushes = g_tqredis_connect_mng[op][db].append_cmd_num != 0;
       tqredis_commit_command(db, op, TQREDIS_CMD_COMMIT);
-      // The idle tick: replies that came since the last flush. A failure
-      // leaves the context in error for the next command to find.
-      if (replies && tqredis_db_is_connected(db, op))
+      if (replies && !flushes && tqredis_db_is_connected(db, op))
         ReadArrived(op, db, LedgerOf(op, db));
     }
   }
