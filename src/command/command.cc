@@ -184,7 +184,7 @@ void Owe(ReplyLedger &ledger, bool named, std::string_view word) {
   const size_t n = word.size() < sizeof(entry.name) - 1
                        ? word.size()
                        : sizeof(entry.name) - 1;
-  std::memcpy(entry.name, word.data(), n);
+  word.copy(entry.name, n);  // an empty view may have no data pointer
   entry.name[n] = '\0';
 }
 

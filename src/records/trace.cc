@@ -163,7 +163,7 @@ int StartCommand(uint32_t db, std::string_view word, std::string_view key) {
   char text[sizeof(tqredis_op_record::key)];
   const size_t n =
       key.size() < sizeof(text) - 1 ? key.size() : sizeof(text) - 1;
-  std::memcpy(text, key.data(), n);
+  key.copy(text, n);  // an empty view may have no data pointer
   text[n] = '\0';
   return tqredis_db_out_log(
       text, static_cast<uint32_t>(tqredis::detail::KeyCmdFromWord(word)), db,
