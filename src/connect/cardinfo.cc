@@ -102,7 +102,7 @@ bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag) {
     }
     return true;
   }
-  const int64_t deadline = MonotonicMs() + limit;
+  const int64_t deadline = DeadlineAfterMs(limit);
   for (;;) {
     if (g_tqredis_init_ok && tqredis_get_write_connext_stats(db) != -1) {
       return true;
@@ -122,7 +122,7 @@ bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag) {
              DbName(db), OpName(op), what);
       return false;
     }
-    if (MonotonicMs() >= deadline) {
+    if (DeadlinePassed(deadline)) {
       TQ_LOG(kLogError, "%s %s wait for %s gave up after %ld ms\r\n",
              DbName(db), OpName(op), what, limit);
       return false;

@@ -87,13 +87,14 @@ namespace tqredis::detail {
 
 long WaitLimitMs() { return OptionValue(kOpt_waitlimit); }
 
-void SleepUntilAtMost(int64_t deadline_ms) {
-  const int64_t left = deadline_ms - MonotonicMs();
-  if (left <= 0) return;
-  if (left >= 1000) {
+void SleepUntilAtMost(int64_t deadline) {
+  const int64_t left_ns = deadline - MonotonicNsec();
+  if (left_ns <= 0) return;
+  if (left_ns >= 1000000000) {
     select_sleep(1, 0);
   } else {
-    select_sleep(0, static_cast<int>(left * 1000));
+    // Rounded up, so that the sleep reaches the deadline.
+    select_sleep(0, static_cast<int>((left_ns + 999) / 1000));
   }
 }
 
@@ -178,7 +179,7 @@ int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
   if (ctx == nullptr) return -1;
   const long limit = tqredis::detail::WaitLimitMs();
   const int64_t deadline =
-      limit > 0 ? tqredis::detail::MonotonicMs() + limit : 0;
+      limit > 0 ? tqredis::detail::DeadlineAfterMs(limit) : 0;
   for (;;) {
     redisReply *reply = Command(ctx, "PING");
     if (tqredis_check_reply(reply) == 0) {
@@ -191,7 +192,7 @@ int tqredis_db_wait_ready(uint32_t db, uint32_t op, redisContext *ctx) {
     tqredis_free_reply(reply);
     if (pong) return 0;
     if (limit > 0) {
-      if (tqredis::detail::MonotonicMs() >= deadline) {
+      if (tqredis::detail::DeadlinePassed(deadline)) {
         TQ_LOG(kLogError, "%s %s wait for PONG gave up after %ld ms\r\n",
                DbName(db), OpName(op), limit);
         return -1;

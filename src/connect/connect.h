@@ -19,9 +19,9 @@ namespace tqredis::detail {
 // The waitlimit in force, in milliseconds; 0 when waits never give up.
 long WaitLimitMs();
 
-// Sleeps one second, or only until `deadline_ms` (monotonic) when that comes
-// first. Takes and releases no lock.
-void SleepUntilAtMost(int64_t deadline_ms);
+// Sleeps one second, or only until `deadline` (from DeadlineAfterMs()) when
+// that comes first. Takes and releases no lock.
+void SleepUntilAtMost(int64_t deadline);
 
 // Gives slot [op][db]'s socket the read and write time-out of the waitlimit
 // in force (none when 0), unless it already has it. Read, write and the

@@ -80,7 +80,7 @@ void *tqredis_reconnect_thread(void *arg) {
          OpName(op));
   const long limit = tqredis::detail::WaitLimitMs();
   const int64_t deadline =
-      limit > 0 ? tqredis::detail::MonotonicMs() + limit : 0;
+      limit > 0 ? tqredis::detail::DeadlineAfterMs(limit) : 0;
   for (;;) {
     for (int i = 0; i < kTriesPerReport; ++i) {
       if (tqredis_db_is_connected(db, op)) {
@@ -99,7 +99,7 @@ void *tqredis_reconnect_thread(void *arg) {
         continue;
       }
       if (tqredis_db_is_connected(db, op)) continue;  // reported above
-      if (tqredis::detail::MonotonicMs() >= deadline) {
+      if (tqredis::detail::DeadlinePassed(deadline)) {
         TQ_LOG(kLogError, "%s %s wait for reconnect gave up after %ld ms\r\n",
                DbName(db), OpName(op), limit);
         return nullptr;

@@ -15,7 +15,16 @@ inline int64_t MonotonicNsec() {
   return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-inline int64_t MonotonicMs() { return MonotonicNsec() / 1000000; }
+// The deadline `ms` milliseconds from now, kept in nanoseconds: a wait that
+// ends once DeadlinePassed() lasts at least `ms`, which a deadline rounded
+// to whole milliseconds would cut by up to one.
+inline int64_t DeadlineAfterMs(long ms) {
+  return MonotonicNsec() + static_cast<int64_t>(ms) * 1000000;
+}
+
+inline bool DeadlinePassed(int64_t deadline) {
+  return MonotonicNsec() >= deadline;
+}
 
 }  // namespace tqredis::detail
 
