@@ -53,7 +53,9 @@ int RunAsChildWhenAsked() {
 const int g_child = RunAsChildWhenAsked();
 
 // This binary under another name (its process name, hence its client
-// names), in a fresh folder.
+// names), in a fresh folder. Under an emulator the link is to the emulator,
+// which the kernel then names the process after, and this binary is its
+// argument (as CTest starts every test binary of such a build).
 class Renamed {
  public:
   explicit Renamed(const std::string &name) {
@@ -64,7 +66,10 @@ class Renamed {
     const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (n > 0) {
       self[n] = '\0';
-      if (symlink(self, path_.c_str()) != 0) path_.clear();
+      exe_ = self;
+      const std::string emulator = TQTEST_EMULATOR;
+      const std::string &target = emulator.empty() ? exe_ : emulator;
+      if (symlink(target.c_str(), path_.c_str()) != 0) path_.clear();
     }
   }
   ~Renamed() {
@@ -72,10 +77,12 @@ class Renamed {
     rmdir(dir_.c_str());
   }
   const std::string &path() const { return path_; }
+  const std::string &exe() const { return exe_; }
 
  private:
   std::string dir_;
   std::string path_;
+  std::string exe_;
 };
 
 // A child started with `env` added to ours, its standard input and output
@@ -86,7 +93,7 @@ struct Child {
   int out = -1;  // its standard output
 };
 
-Child Start(const std::string &program, const std::vector<std::string> &env) {
+Child Start(const Renamed &program, const std::vector<std::string> &env) {
   Child child;
   int in[2];
   int out[2];
@@ -100,10 +107,8 @@ Child Start(const std::string &program, const std::vector<std::string> &env) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in[0], 0);
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  std::vector<std::string> words;
-  const std::string emulator = TQTEST_EMULATOR;
-  if (!emulator.empty()) words.push_back(emulator);
-  words.push_back(program);
+  std::vector<std::string> words = {program.path()};
+  if (!std::string(TQTEST_EMULATOR).empty()) words.push_back(program.exe());
   std::vector<char *> argv;
   for (std::string &w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
@@ -154,7 +159,7 @@ int Finish(Child *child) {
 std::string ChildTable(const std::string &name, const std::string &dir) {
   Renamed self(name);
   Child child =
-      Start(self.path(), {"SOCKDIR_CHILD=paths", "TQREDIS_SOCKET_DIR=" + dir});
+      Start(self, {"SOCKDIR_CHILD=paths", "TQREDIS_SOCKET_DIR=" + dir});
   close(child.in);
   child.in = -1;
   const std::string out = ReadUntil(child.out, "");
@@ -261,8 +266,8 @@ TEST(SocketDir, TwoEmulatorsEachServeOnlyTheirOwnProcess) {
   OtherEmulator other;
   ASSERT_TRUE(other.Start());
   Renamed self("sockdir_child");
-  Child child = Start(
-      self.path(), {"SOCKDIR_CHILD=mark", "TQREDIS_SOCKET_DIR=" + other.dir()});
+  Child child =
+      Start(self, {"SOCKDIR_CHILD=mark", "TQREDIS_SOCKET_DIR=" + other.dir()});
   ASSERT_GT(child.pid, 0);
   EXPECT_EQ(ReadUntil(child.out, "ready\n"), "set=OK\nready\n");
 
