@@ -426,9 +426,37 @@ TQREDIS_API int tqredis_dbg_cfg(int type, uint32_t value);
  *                 being subscription, process or replay; the pattern is the
  *                 subscription's, or the walk's for replayed keys and scan
  *                 records (empty for a direct call). 0: no clock is read.
+ *   reconnect=1   a live connection that is lost (the server closed it, a
+ *                 socket error, a read or write that timed out under
+ *                 waitlimit) is dropped WITHOUT the fatal path, after a
+ *                 level-8 line "<db>[<op>] connection lost, reconnect in
+ *                 place[error=<err> <errstr>]", and the process goes on:
+ *                 - a read or write connection is connected again on its
+ *                   next use by the command's reconnection (bounded by
+ *                   waitlimit when set), and the command that met the loss
+ *                   is tried once more: a read is sent again; a write that
+ *                   was not yet written out is carried to the new
+ *                   connection with every other unsent write, in order, and
+ *                   never sent twice. Writes already written whose replies
+ *                   were not read (known with replies=1) may or may not
+ *                   have been carried out: they are logged at level 8
+ *                   ("<db>[<op>] <n> written commands unconfirmed") and
+ *                   counted. Carried writes wait for their own slot: after
+ *                   a change of master they stay until that slot connects.
+ *                 - a pubsub connection is connected again by
+ *                   tqredis_pubsub() (one try a second per database): every
+ *                   registered pattern is subscribed again and the data
+ *                   checks run once, so whatever changed while it was away
+ *                   is read again rather than missed.
+ *                 A restore is logged at level 2 (">>>>%s[%s] connection
+ *                 restored, restores=%u") and tqredis_basic_stats_show()
+ *                 adds "restores=" to each connection and "unconfirmed=" to
+ *                 each read and write connection. tqredis_exit() and
+ *                 tqredis_disconnect() while the fatal path runs still end
+ *                 the process.
  *   safe=1        every switch above that no line or call set takes its safe
  *                 value: replies=1 waitlimit=5000 exitstatus=75 keepcopies=8
- *                 recordall=1 hookwarn=100.
+ *                 recordall=1 hookwarn=100 reconnect=1.
  *
  * The socket folder: the environment variable TQREDIS_SOCKET_DIR, read at
  * load, names the folder of the three database sockets instead of
@@ -447,6 +475,26 @@ TQREDIS_API int tqredis_set_option(const char *name, long value);
  * its safe value when safe=1, else 0. -1 after a level-8 line for an
  * unknown name (no switch has a negative value). */
 TQREDIS_API long tqredis_get_option(const char *name);
+
+/* A connection event: slot (db, op) was lost (up 0) or restored (up 1). */
+typedef void (*tqredis_conn_hook_f)(uint32_t db, uint32_t op, int up,
+                                    void *arg);
+
+/* Sets the process's connection-event hook and its argument (NULL: none).
+ * Returns 0. Takes no global lock; safe from any thread.
+ *
+ * The hook is called only with reconnect=1 (without it a loss ends the
+ * process and nothing is called): with up 0 right after a connection is
+ * dropped, in the thread that met the loss; with up 1 after it is connected
+ * again, in the thread that asked for the connection, once the connecting
+ * is done. For each connection the calls alternate, a loss first. It runs
+ * with the global lock held (when the lock is on), so it must be short and
+ * must not wait for another thread that uses the library. It may read the
+ * library's state (tqredis_db_is_connected(), tqredis_get_option()), set
+ * flags and log; it must not run commands or connect (a command from a loss
+ * event would reconnect from inside the drop). */
+TQREDIS_API int tqredis_conn_hook_register(tqredis_conn_hook_f hook,
+                                           void *arg);
 
 /* The log file a message of `level` goes to: NULL unless the file mask has
  * `level`; the limited file for exactly 2, 4 or 8; the unlimited file for

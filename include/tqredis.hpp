@@ -589,6 +589,9 @@ inline int SetRecordAll(bool on) noexcept {
 inline int SetHookWarn(std::chrono::milliseconds limit) noexcept {
   return tqredis_set_option("hookwarn", static_cast<long>(limit.count()));
 }
+inline int SetReconnect(bool on) noexcept {
+  return tqredis_set_option("reconnect", on ? 1 : 0);
+}
 inline int SetSafe(bool on) noexcept {
   return tqredis_set_option("safe", on ? 1 : 0);
 }
@@ -608,6 +611,9 @@ inline bool RecordAll() noexcept {
 }
 inline std::chrono::milliseconds HookWarn() noexcept {
   return std::chrono::milliseconds(tqredis_get_option("hookwarn"));
+}
+inline bool Reconnect() noexcept {
+  return tqredis_get_option("reconnect") != 0;
 }
 inline bool Safe() noexcept { return tqredis_get_option("safe") != 0; }
 

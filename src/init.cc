@@ -92,6 +92,7 @@ void tqredis_basic_stats_show(void) {
   std::printf("connect_mng:\r\n");
   const bool replies =
       tqredis::detail::OptionValue(tqredis::detail::kOpt_replies) != 0;
+  const bool reconnect = tqredis::detail::ReconnectOn();
   for (int op = 0; op < TQREDIS_OP_NUM; ++op) {
     for (int db = 0; db < TQREDIS_DB_NUM; ++db) {
       const tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
@@ -106,6 +107,18 @@ void tqredis_basic_stats_show(void) {
       std::printf("\tconnect_num=%d\r\n", static_cast<int>(slot.connect_num));
       std::printf("\tdatacheck_num=%d\r\n",
                   static_cast<int>(slot.datacheck_num));
+      // Shown only with reconnect=1: without it the dump stays as it was.
+      if (reconnect) {
+        std::printf("\trestores=%u\r\n",
+                    static_cast<unsigned>(tqredis::detail::SlotRestores(
+                        static_cast<uint32_t>(db), static_cast<uint32_t>(op))));
+        if (op != TQREDIS_OP_PUBSUB) {
+          std::printf(
+              "\tunconfirmed=%u\r\n",
+              static_cast<unsigned>(tqredis::detail::UnconfirmedWrites(
+                  static_cast<uint32_t>(op), static_cast<uint32_t>(db))));
+        }
+      }
       // Shown only with replies=1: without it the dump stays as it was.
       if (replies && op != TQREDIS_OP_PUBSUB) {
         std::printf("\tunread_replies=%u\r\n",

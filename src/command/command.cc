@@ -2,14 +2,23 @@
 // reads, pipelined writes with their commit threshold, the retry after a
 // reconnection, and (by switch) the reading of pipelined writes' replies and
 // the recording of every command.
+
+// First, before any header reaches it through hiredis.h: hiredis's string
+// buffer functions are C, and their header does not say so.
+extern "C" {
+#include <hiredis/sds.h>
+}
+
 #include "command/command.h"
 
-#include <hiredis/sds.h>
 #include <poll.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -26,6 +35,7 @@
 using tqredis::detail::DbName;
 using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
+using tqredis::detail::kLogWarn;
 using tqredis::detail::kOpt_recordall;
 using tqredis::detail::kOpt_replies;
 using tqredis::detail::OpName;
@@ -75,9 +85,24 @@ thread_local unsigned t_unrecorded = 0;
 bool RepliesOn() { return OptionValue(kOpt_replies) != 0; }
 bool RecordAllOn() { return OptionValue(kOpt_recordall) != 0; }
 
+// Writes kept from a connection that was lost before they were written out
+// (reconnect=1), waiting for the slot's next connection: whole requests,
+// in the order they were appended. Guarded by the global lock.
+struct Carried {
+  sds bytes;       // NULL when none
+  uint32_t count;  // requests in bytes
+};
+Carried g_carried[TQREDIS_OP_PUBSUB][TQREDIS_DB_NUM] = {};
+// Written writes whose replies never came before their connection was lost,
+// since load (counted with replies=1 and reconnect=1).
+uint32_t g_unconfirmed[TQREDIS_OP_PUBSUB][TQREDIS_DB_NUM] = {};
+
+void AttachCarried(uint32_t op, uint32_t db, struct ReplyLedger &ledger);
+
 // The ledger of slot [op][db], reset when the slot holds another connection
-// than the one counted, as after a drop and a reconnection. REQUIRES: op is
-// read or write, the global lock.
+// than the one counted, as after a drop and a reconnection; a new connection
+// takes the writes carried from the lost one first. REQUIRES: op is read or
+// write, the global lock.
 ReplyLedger &LedgerOf(uint32_t op, uint32_t db) {
   const tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
   ReplyLedger &ledger = g_ledger[op][db];
@@ -87,6 +112,8 @@ ReplyLedger &LedgerOf(uint32_t op, uint32_t db) {
     ledger.connect_num = slot.connect_num;
     ledger.sent = 0;
     ledger.read = 0;
+    if (slot.context != nullptr && g_carried[op][db].bytes != nullptr)
+      AttachCarried(op, db, ledger);
   }
   return ledger;
 }
@@ -126,6 +153,88 @@ RequestWords WordsAt(const redisContext *ctx, size_t at) {
   return words;
 }
 
+// The length of the whole request at `p`, as hiredis formats one ("*N\r\n"
+// and N "$L\r\n<L bytes>\r\n"); 0 when it is cut short before `end`.
+size_t RequestLength(const char *p, const char *end) {
+  const char *q = p;
+  const long argc = ReadHeader(q, end, '*');
+  if (argc < 0) return 0;
+  for (long i = 0; i < argc; ++i) {
+    const long len = ReadHeader(q, end, '$');
+    if (len < 0 || end - q < len + 2) return 0;
+    q += len + 2;
+  }
+  return static_cast<size_t>(q - p);
+}
+
+// The whole requests at the start of [p, p + size): their count, and their
+// length in `whole`.
+uint32_t CountRequests(const char *p, size_t size, size_t *whole) {
+  uint32_t count = 0;
+  size_t at = 0;
+  while (at < size) {
+    const size_t n = RequestLength(p + at, p + size);
+    if (n == 0) break;
+    at += n;
+    ++count;
+  }
+  *whole = at;
+  return count;
+}
+
+// Writes out the whole output buffer, as redisBufferWrite() in a loop does,
+// except on a failure: the buffer is then left starting at the first request
+// not wholly written, so that it holds only whole requests, which can be
+// sent again on another connection (the server drops a request it got only
+// part of when the connection goes). The context is left in error as hiredis
+// leaves it. -1 on failure.
+int FlushWhole(redisContext *ctx) {
+  if (ctx->err) return -1;
+  const size_t len = sdslen(ctx->obuf);
+  size_t sent = 0;
+  while (sent < len) {
+    const ssize_t n = write(ctx->fd, ctx->obuf + sent, len - sent);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    // A blocking socket: EAGAIN is its send time-out, an error as in hiredis.
+    const int err = n < 0 ? errno : EIO;
+    ctx->err = REDIS_ERR_IO;
+    std::snprintf(ctx->errstr, sizeof(ctx->errstr), "%s", std::strerror(err));
+    size_t start = 0;
+    while (start < sent) {
+      const size_t whole = RequestLength(ctx->obuf + start, ctx->obuf + len);
+      if (whole == 0 || start + whole > sent) break;
+      start += whole;
+    }
+    sdsrange(ctx->obuf, static_cast<ssize_t>(start), -1);
+    return -1;
+  }
+  // As hiredis does: the memory of a large burst is not kept.
+  sds fresh = sdsempty();
+  if (fresh != nullptr) {
+    sdsfree(ctx->obuf);
+    ctx->obuf = fresh;
+  } else {
+    sdsclear(ctx->obuf);
+  }
+  return 0;
+}
+
+// Writes out slot [op][db]'s pending requests; with reconnect=1, so that a
+// failure leaves whole requests behind. -1 on failure.
+int Flush(redisContext *ctx) {
+  if (tqredis::detail::ReconnectOn()) return FlushWhole(ctx);
+  // A blocking socket: each write waits until the kernel takes the bytes.
+  int done = 0;
+  do {
+    if (redisBufferWrite(ctx, &done) == REDIS_ERR) return -1;
+  } while (!done);
+  return 0;
+}
+
 // Takes one reply owed by [op][db], the oldest: an error is logged with the
 // name of the write it answers and counted.
 void SettleReply(uint32_t op, uint32_t db, ReplyLedger &ledger,
@@ -147,6 +256,7 @@ void SettleReply(uint32_t op, uint32_t db, ReplyLedger &ledger,
 int ReadAllOwed(uint32_t op, uint32_t db, ReplyLedger &ledger) {
   tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
   if (Unread(ledger) == 0) return 0;
+  if (Flush(slot.context) != 0) return -1;
   while (Unread(ledger) != 0) {
     void *reply = nullptr;
     if (redisGetReply(slot.context, &reply) != REDIS_OK) return -1;
@@ -190,9 +300,10 @@ void Owe(ReplyLedger &ledger, bool named, std::string_view word) {
 
 // What one command does beyond sending, decided once per call.
 struct Extras {
-  bool replies;   // read the replies of pipelined writes
-  bool record;    // record the command
-  bool recorded;  // already recorded by an earlier attempt
+  bool replies;     // read the replies of pipelined writes
+  bool record;      // record the command
+  bool recorded;    // already recorded by an earlier attempt
+  size_t read_len;  // bytes of the read appended by the last attempt, or 0
 };
 
 int RecordStart(uint32_t db, const RequestWords &words, Extras &extras) {
@@ -208,6 +319,7 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
          Extras &extras) {
   tqredis_conn_slot &slot = g_tqredis_connect_mng[dbop][db];
   redisContext *ctx = slot.context;
+  extras.read_len = 0;
   // Pubsub slots are answered to the pump, which reads them itself.
   ReplyLedger *ledger =
       dbop < TQREDIS_OP_PUBSUB ? &LedgerOf(dbop, db) : nullptr;
@@ -231,16 +343,23 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
                   OpName(TQREDIS_OP_READ));
       return -1;
     }
+    extras.read_len = sdslen(ctx->obuf) - at;
     const RequestWords words = words_needed ? WordsAt(ctx, at) : RequestWords{};
     if (ledger != nullptr) Owe(*ledger, extras.replies, words.word);
     const int token = RecordStart(db, words, extras);
-    if (redisGetReply(ctx, &reply) != REDIS_OK || reply == nullptr) {
+    // Reconnecting in place, the requests go out first in whole ones, so
+    // that a loss leaves the unsent writes to carry; redisGetReply() then
+    // only reads.
+    const bool flushed = !tqredis::detail::ReconnectOn() || Flush(ctx) == 0;
+    if (!flushed || redisGetReply(ctx, &reply) != REDIS_OK ||
+        reply == nullptr) {
       TQ_LOG_FROM("tqredis_exec_command", __LINE__, kLogError,
                   "%s[%s] read command fail\r\n", DbName(db),
                   OpName(TQREDIS_OP_READ));
       return -1;
     }
     if (ledger != nullptr) ++ledger->read;
+    extras.read_len = 0;
     if (token != -1) g_recorder->end(token);
     // A synchronous command writes out everything pending before it reads.
     slot.append_cmd_num = 0;
@@ -279,6 +398,82 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
   return 0;
 }
 
+// Puts the requests carried from slot [op][db]'s lost connection at the
+// head of its new one, counted as owed and as pending writes: they were
+// appended before anything the new connection will carry. REQUIRES: the
+// global lock; `ledger` just reset for the slot's new context.
+void AttachCarried(uint32_t op, uint32_t db, ReplyLedger &ledger) {
+  tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
+  redisContext *ctx = slot.context;
+  Carried &carried = g_carried[op][db];
+  const size_t carried_len = sdslen(carried.bytes);
+  sds joined = sdscatsds(carried.bytes, ctx->obuf);
+  if (joined == nullptr) return;  // out of memory: kept for the next try
+  sdsfree(ctx->obuf);
+  ctx->obuf = joined;
+  const bool named = RepliesOn();
+  size_t at = 0;
+  while (at < carried_len) {
+    Owe(ledger, named, WordsAt(ctx, at).word);
+    at += RequestLength(ctx->obuf + at, ctx->obuf + carried_len);
+  }
+  slot.append_cmd_num += carried.count;
+  TQ_LOG(kLogWarn,
+         "%s[%s] %u unsent commands carried to the new connection\r\n",
+         DbName(db), OpName(op), static_cast<unsigned>(carried.count));
+  carried = {nullptr, 0};
+}
+
+// Before read or write slot [op][db]'s failed connection is dropped in
+// place: keeps its whole requests not yet written out for the next
+// connection, except the read in flight (`read_len` bytes at the end, 0 for
+// none), which its command sends again; with replies=1, counts and logs the
+// written requests whose replies will never come. REQUIRES: the global lock.
+void Salvage(uint32_t op, uint32_t db, size_t read_len) {
+  if (op >= TQREDIS_OP_PUBSUB || db >= TQREDIS_DB_NUM) return;
+  redisContext *ctx = g_tqredis_connect_mng[op][db].context;
+  if (ctx == nullptr) return;
+  ReplyLedger &ledger = LedgerOf(op, db);
+  size_t size = sdslen(ctx->obuf);
+  // An unsent read is the last request; a sent one left nothing behind.
+  if (read_len > 0 && size >= read_len) size -= read_len;
+  size_t whole = 0;
+  const uint32_t count = CountRequests(ctx->obuf, size, &whole);
+  Carried &carried = g_carried[op][db];
+  if (count > 0) {
+    sds bytes = carried.bytes != nullptr
+                    ? sdscatlen(carried.bytes, ctx->obuf, whole)
+                    : sdsnewlen(ctx->obuf, whole);
+    if (bytes != nullptr) {
+      carried = {bytes, carried.count + count};
+    } else {
+      TQ_LOG(kLogError, "%s[%s] %u unsent commands lost: out of memory\r\n",
+             DbName(db), OpName(op), static_cast<unsigned>(count));
+    }
+  }
+  if (!RepliesOn()) return;  // without the replies read, nothing is known
+  const uint32_t in_flight = read_len > 0 ? 1 : 0;
+  const uint32_t owed = Unread(ledger);
+  const uint32_t unconfirmed =
+      owed > count + in_flight ? owed - count - in_flight : 0;
+  if (unconfirmed == 0) return;
+  g_unconfirmed[op][db] += unconfirmed;
+  TQ_LOG(kLogError, "%s[%s] %u written commands unconfirmed\r\n", DbName(db),
+         OpName(op), static_cast<unsigned>(unconfirmed));
+}
+
+// The retry of a write that met a lost connection, on the new one: the
+// write itself is among the carried requests, or was written before the
+// loss, so only the flush it asked for is done. REQUIRES: the global lock,
+// slot [dbop][db] connected.
+int FlushCarried(uint32_t db, uint32_t dbop, uint32_t flag, Extras &extras) {
+  ReplyLedger &ledger = LedgerOf(dbop, db);  // takes the carried requests
+  int rc = tqredis_commit_command(db, dbop, flag);
+  if (rc == 0 && extras.replies && Unread(ledger) > kMaxUnread)
+    rc = ReadAllOwed(dbop, db, ledger);
+  return rc;
+}
+
 // Exec() after checking what it would dereference.
 int ExecChecked(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
                 const char *format, va_list ap, redisReply **reply_out,
@@ -314,6 +509,11 @@ uint32_t ReplyErrors(uint32_t op, uint32_t db) {
   return g_ledger[op][db].errors;
 }
 
+uint32_t UnconfirmedWrites(uint32_t op, uint32_t db) {
+  if (op >= TQREDIS_OP_PUBSUB || db >= TQREDIS_DB_NUM) return 0;
+  return g_unconfirmed[op][db];
+}
+
 }  // namespace tqredis::detail
 
 // REQUIRES: the global lock is held.
@@ -324,11 +524,7 @@ int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag) {
   const bool due = ((flag & TQREDIS_CMD_COMMIT) && slot.append_cmd_num != 0) ||
                    slot.append_cmd_num >= tqredis::detail::CommitThreshold();
   if (!due) return 0;
-  // A blocking socket: each write waits until the kernel takes the bytes.
-  int done = 0;
-  do {
-    if (redisBufferWrite(slot.context, &done) == REDIS_ERR) return -1;
-  } while (!done);
+  if (Flush(slot.context) != 0) return -1;
   slot.append_cmd_num = 0;
   if (RepliesOn() && op < TQREDIS_OP_PUBSUB)
     return ReadArrived(op, db, LedgerOf(op, db));
@@ -338,16 +534,25 @@ int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag) {
 void tqredis_commit_command_all(void) {
   tqredis::detail::ScopedLock lock;
   const bool replies = RepliesOn();
+  const bool in_place = tqredis::detail::ReconnectOn();
   // Pubsub slots carry no pipelined writes of ours worth forcing out here.
   for (uint32_t db = 0; db < TQREDIS_DB_NUM; ++db) {
     for (uint32_t op : {TQREDIS_OP_READ, TQREDIS_OP_WRITE}) {
+      const bool connected = tqredis_db_is_connected(db, op);
+      // A slot restored by another's reconnection takes its carried writes.
+      if (in_place && connected) LedgerOf(op, db);
       // A flush reads what has arrived itself; a slot with nothing to flush
       // still gets the idle tick's read of replies that came since. A
-      // failure leaves the context in error for the next command to find.
+      // failure leaves the context in error for the next command to find,
+      // or, reconnecting in place, drops it now.
       const bool flushes = g_tqredis_connect_mng[op][db].append_cmd_num != 0;
-      tqredis_commit_command(db, op, TQREDIS_CMD_COMMIT);
-      if (replies && !flushes && tqredis_db_is_connected(db, op))
-        ReadArrived(op, db, LedgerOf(op, db));
+      int rc = tqredis_commit_command(db, op, TQREDIS_CMD_COMMIT);
+      if (replies && !flushes && connected)
+        rc = ReadArrived(op, db, LedgerOf(op, db));
+      if (rc != 0 && in_place && connected) {
+        Salvage(op, db, 0);
+        tqredis::detail::DropInPlace(db, op);
+      }
     }
   }
 }
@@ -372,7 +577,7 @@ int tqredis_exec_command(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
                          const char *format, va_list ap,
                          redisReply **reply_out) {
   // Only tqredis_db_command() records.
-  Extras extras = {RepliesOn(), false, false};
+  Extras extras = {RepliesOn(), false, false, 0};
   return ExecChecked(db, op, dbop, flag, format, ap, reply_out, extras);
 }
 
@@ -388,7 +593,13 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
   {
     tqredis::detail::ScopedLock lock;
     // Read once: a switch turned meanwhile applies from the next command.
-    Extras extras = {RepliesOn(), RecordAllOn() && t_unrecorded == 0, false};
+    Extras extras = {RepliesOn(), RecordAllOn() && t_unrecorded == 0, false, 0};
+    const bool in_place = tqredis::detail::ReconnectOn();
+    // Reconnecting in place, a command is tried again once after a loss.
+    bool retried = false;
+    // A write that met the loss is carried or was written: it is never
+    // appended again, only flushed on the new connection.
+    bool write_pending = false;
     for (;;) {
       // Without a waitlimit this waits for as long as it takes.
       if (!tqredis::detail::WaitCardinfo(udb, uop, flag)) {
@@ -399,19 +610,43 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
       const auto dbop = static_cast<uint32_t>(tqredis_calc_dbop(udb, uop));
       if (tqredis_db_is_connected(udb, dbop)) {
         tqredis::detail::ApplyWaitLimit(udb, dbop);
-        // Each attempt reads the arguments from the first one again.
-        va_list attempt;
-        va_copy(attempt, ap);
-        const int rc =
-            ExecChecked(udb, uop, dbop, flag, format, attempt, &result, extras);
-        va_end(attempt);
+        int rc;
+        if (write_pending) {
+          rc = FlushCarried(udb, dbop, flag, extras);
+        } else {
+          // Each attempt reads the arguments from the first one again.
+          va_list attempt;
+          va_copy(attempt, ap);
+          rc = ExecChecked(udb, uop, dbop, flag, format, attempt, &result,
+                           extras);
+          va_end(attempt);
+        }
         if (rc != -1) break;
+        redisContext *failed = g_tqredis_connect_mng[dbop][udb].context;
+        // A request the connection never took (a bad format): the
+        // connection is sound and stays.
+        if (in_place && failed != nullptr && failed->err == 0) {
+          result = nullptr;
+          break;
+        }
+        if (in_place) Salvage(dbop, udb, extras.read_len);
         // A server that stopped answering: this call fails, the process
         // goes on, and the next call connects the slot again.
         if (tqredis::detail::DropTimedOut(
                 udb, dbop, uop == TQREDIS_OP_READ ? "reply" : "write")) {
           result = nullptr;
           break;
+        }
+        if (in_place) {
+          if (retried) {
+            // Lost again at once: this call fails, the next use of the
+            // slot connects it again.
+            tqredis::detail::DropInPlace(udb, dbop);
+            result = nullptr;
+            break;
+          }
+          retried = true;
+          write_pending = uop != TQREDIS_OP_READ && dbop < TQREDIS_OP_PUBSUB;
         }
       }
       if (tqredis_db_try_reconnect(udb, dbop, flag) == -1) {

@@ -50,6 +50,11 @@ uint32_t UnreadReplies(uint32_t op, uint32_t db);
 // load; 0 for other ids. REQUIRES: the global lock.
 uint32_t ReplyErrors(uint32_t op, uint32_t db);
 
+// Written requests on [op][db] whose replies had not come when their
+// connection was lost (counted with replies=1 and reconnect=1), since load;
+// 0 for other ids. REQUIRES: the global lock.
+uint32_t UnconfirmedWrites(uint32_t op, uint32_t db);
+
 }  // namespace tqredis::detail
 
 #endif  // TQREDIS_SRC_COMMAND_COMMAND_H_

@@ -14,6 +14,7 @@
 
 #include "connect/cardinfo.h"
 #include "connect/connect.h"
+#include "connect/inplace.h"
 #include "connect/reader.h"
 #include "connect/table.h"
 #include "core/clock.h"
@@ -127,7 +128,22 @@ bool DropTimedOut(uint32_t db, uint32_t op, const char *what) {
   redisFree(ctx);
   slot.context = nullptr;
   g_applied[op][db] = {nullptr, 0};
+  // Reconnecting in place, a dropped slot is a loss the host hears of.
+  if (ReconnectOn()) MarkLost(db, op);
   return true;
+}
+
+void DropInPlace(uint32_t db, uint32_t op) {
+  if (db >= TQREDIS_DB_NUM || op >= TQREDIS_OP_NUM) return;
+  tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
+  if (slot.context == nullptr) return;
+  TQ_LOG(kLogError,
+         "%s[%s] connection lost, reconnect in place[error=%d %s]\r\n",
+         DbName(db), OpName(op), slot.context->err, slot.context->errstr);
+  redisFree(slot.context);
+  slot.context = nullptr;
+  g_applied[op][db] = {nullptr, 0};
+  MarkLost(db, op);
 }
 
 }  // namespace tqredis::detail
@@ -245,6 +261,7 @@ int tqredis_connect(uint32_t db, uint32_t op) {
          slot.hostname, static_cast<int>(slot.hostport));
   slot.context = ctx;
   ++slot.connect_num;
+  tqredis::detail::NoteConnected(db, op);
   return 0;
 }
 
@@ -271,6 +288,7 @@ int tqredis_db_connect_nolock(void) {
 void tqredis_db_connect(void) {
   tqredis::detail::ScopedLock lock;
   tqredis_db_connect_nolock();
+  tqredis::detail::DeliverConnEvents();
 }
 
 void tqredis_disconnect(uint32_t op, uint32_t db) {
@@ -283,6 +301,12 @@ void tqredis_disconnect(uint32_t op, uint32_t db) {
   if (slot.context == nullptr) return;
   TQ_LOG(kLogLife, ">>>>%s[%s] disconnect[error=%d %s]\r\n", DbName(db),
          OpName(op), slot.context->err, slot.context->errstr);
+  // By switch, the process goes on and the slot is connected again on its
+  // next use; never while the fatal path is already under way.
+  if (tqredis::detail::ReconnectOn() && !t_fatal_path_running) {
+    tqredis::detail::DropInPlace(db, op);
+    return;
+  }
   redisFree(slot.context);
   slot.context = nullptr;
   // A connection lost while the fatal path writes the statistics: the path

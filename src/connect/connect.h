@@ -50,6 +50,36 @@ bool DropTimedOut(uint32_t db, uint32_t op, const char *what);
 // after a level-8 line (false). REQUIRES: the global lock is held.
 bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag);
 
+// With the reconnect switch on, a lost live connection is dropped without
+// the fatal path and connected again on its next use: the slot is "lost"
+// from the drop until a connect restores it. Both changes are told to the
+// host's connection-event hook; a loss at once, in the thread that drops
+// the slot, a restore later by DeliverConnEvents(), because the connect may
+// run in the reconnection thread, which must not call host code while its
+// starter holds the lock.
+bool ReconnectOn();
+
+// Frees slot [op][db]'s context without the fatal path, marks the slot lost
+// and tells the hook (up 0). Nothing when the slot has no context.
+// REQUIRES: the global lock is held.
+void DropInPlace(uint32_t db, uint32_t op);
+
+// Whether slot [op][db] was lost and not restored yet. REQUIRES: the lock.
+bool SlotLost(uint32_t db, uint32_t op);
+
+// Restores of slot [op][db] since load. REQUIRES: the global lock.
+uint32_t SlotRestores(uint32_t db, uint32_t op);
+
+// Calls the hook (up 1) for every restore not yet told, in the order of
+// the slots. REQUIRES: the global lock, held by the calling thread itself.
+void DeliverConnEvents();
+
+// Bit db is set from the loss of database db's pubsub connection until the
+// layer that subscribes has made its subscriptions again on a new one and
+// calls PubsubRestored(db). Read without the lock.
+uint32_t PubsubLostBits();
+void PubsubRestored(uint32_t db);
+
 // Runs on the fatal path, when exitstatus is on, before the limited log is
 // copied and the process exits: the layers above write what would otherwise
 // be lost. It runs in the thread that lost the connection, usually holding

@@ -24,7 +24,8 @@ constexpr int kTriesPerReport = 30;
 int tqredis_db_try_reconnect(uint32_t db, uint32_t op, uint32_t flag) {
   TQ_LOG(kLogLife, ">>>>%s[%s flag=%d] try to reconnect\r\n", DbName(db),
          OpName(op), static_cast<int>(flag));
-  // A slot that still holds a live connection ends the process here.
+  // A slot that still holds a live connection ends the process here, unless
+  // the reconnect switch has it dropped in place.
   tqredis_disconnect(op, db);
   if (flag & TQREDIS_CMD_NO_RECONNECT) return -1;
   tqredis_db_reconnect(db, op);
@@ -50,6 +51,8 @@ int tqredis_db_reconnect(uint32_t db, uint32_t op) {
     select_sleep(1, 0);
   }
   pthread_join(thread, nullptr);
+  // Back in the thread that holds the lock: the host may hear of restores.
+  tqredis::detail::DeliverConnEvents();
   return TQ_LOG(kLogLife, ">>>>%s[%s] reconnect finish\r\n", DbName(db),
                 OpName(op));
 }

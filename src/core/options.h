@@ -20,6 +20,7 @@
   X(keepcopies, 8,    0, 1000)                 \
   X(recordall,  1,    0, 1)                    \
   X(hookwarn,   100,  0, 86400000)             \
+  X(reconnect,  1,    0, 1)                    \
   X(safe,       1,    0, 1)
 // clang-format on
 

@@ -96,6 +96,7 @@ int tqredis_reste_fdset(fd_set *set) {
 }
 
 int tqredis_pubsub(void) {
+  if (tqredis::detail::ReconnectOn()) tqredis::detail::RestorePubsub();
   struct timeval timeout = {0, kWaitUsec};
   fd_set set;
   // Nothing connected: nfds 0, and select is a plain 100 ms sleep.
@@ -139,7 +140,8 @@ int tqredis_get_pubsub(uint32_t db) {
   }
   if (rv == 1) return 1;
   const int err = errno;
-  // Logged first: dropping a live connection ends the process.
+  // Logged first: dropping a live connection ends the process (unless the
+  // reconnect switch keeps it going; the next call restores the slot).
   TQ_LOG(kLogLife, ">>>>%s pubsubdb disconnect, error=%s\r\n", DbName(db),
          std::strerror(err));
   tqredis_disconnect(TQREDIS_OP_PUBSUB, db);

@@ -35,6 +35,12 @@ struct PmsgHook {
 void SetPmsgHook(PmsgHook hook);
 PmsgHook GetPmsgHook();
 
+// Reconnecting in place: connects again every pubsub connection that was
+// lost (one try a second per database), subscribes its patterns again and
+// runs its data checks once. Nothing, without taking the lock, when none
+// was lost. Called by the pump.
+void RestorePubsub();
+
 // True when the list of `db` has no node. REQUIRES: the lists were made.
 inline bool PubsubListEmpty(uint32_t db) {
   return g_tqredis_pubsub_list[db].next == &g_tqredis_pubsub_list[db];

@@ -41,10 +41,10 @@ Options Load(const std::string &name, const char *content,
 
 const Options kAllOff = {{"replies", 0},   {"waitlimit", 0}, {"exitstatus", 0},
                          {"keepcopies", 0}, {"recordall", 0}, {"hookwarn", 0},
-                         {"safe", 0}};
+                         {"reconnect", 0},  {"safe", 0}};
 const Options kSafe = {{"replies", 1},   {"waitlimit", 5000}, {"exitstatus", 75},
                        {"keepcopies", 8}, {"recordall", 1},    {"hookwarn", 100},
-                       {"safe", 1}};
+                       {"reconnect", 1},  {"safe", 1}};
 
 }  // namespace
 

@@ -854,10 +854,14 @@ TEST(CppOptions, TypedSettersSetTheSwitchesTheCCallsRead) {
   EXPECT_EQ(tqredis::options::SetKeepCopies(2), 0);
   EXPECT_EQ(tqredis::options::KeepCopies(), 2);
   EXPECT_FALSE(tqredis::options::RecordAll());
+  EXPECT_FALSE(tqredis::options::Reconnect());
   EXPECT_FALSE(tqredis::options::Safe());
   EXPECT_EQ(tqredis::options::SetSafe(true), 0);
   EXPECT_TRUE(tqredis::options::RecordAll());  // not set itself: safe value
+  EXPECT_TRUE(tqredis::options::Reconnect());
   EXPECT_EQ(tqredis::options::ExitStatus(), 3);  // set itself: kept
+  EXPECT_EQ(tqredis::options::SetReconnect(false), 0);
+  EXPECT_EQ(tqredis_get_option("reconnect"), 0);
 }
 
 TEST(CppOptions, OutOfRangeValuesAreRefusedWithTheCCode) {

@@ -22,7 +22,7 @@ int main(int argc, char **argv) {
       std::printf("thres=%u\n", static_cast<unsigned>(CommitThreshold()));
     } else if (std::strcmp(argv[i], "options") == 0) {
       for (const char *name : {"replies", "waitlimit", "exitstatus",
-                               "keepcopies", "recordall", "hookwarn", "safe"})
+                               "keepcopies", "recordall", "hookwarn", "reconnect", "safe"})
         std::printf("%s=%ld\n", name, tqredis_get_option(name));
     } else if (std::strcmp(argv[i], "cfg") == 0 && i + 2 < argc) {
       tqredis_dbg_cfg(std::atoi(argv[i + 1]),
