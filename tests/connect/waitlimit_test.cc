@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/emulator.h"
+#include "support/fixtures.h"
 #include "support/logged.h"
 #include "tqredis.h"
 
@@ -190,6 +191,48 @@ TEST_F(WaitLimitServed, StalledServerMakesAReadReturnNullAndTheProcessGoesOn) {
   // Still here: the slot was freed, not the process ended.
   EXPECT_EQ(tqredis_db_is_connected(2, 0), 0);
   ASSERT_EQ(emulator_.Ctl({"clear", "redis_host"}).exit_code, 0);
+  r = tqredis_db_command(2, 0, -1, 0, "GET k");
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(Text(r), "v");
+  freeReplyObject(r);
+  EXPECT_EQ(tqredis_db_is_connected(2, 0), 1);
+}
+
+// A stock server frozen by SIGSTOP reads nothing: an 8 MB write fills the
+// socket and blocks, until the send time-out ends it.
+class WaitLimitFrozen : public WaitLimit {
+ protected:
+  void SetUp() override {
+    WaitLimit::SetUp();
+    ASSERT_TRUE(servers_.StartAll());
+    tqtest::ConnectDevice();
+  }
+  void TearDown() override { servers_.Freeze(TQREDIS_DB_HOST, false); }
+  tqtest::DeviceServers servers_;
+};
+
+TEST_F(WaitLimitFrozen, WriteToAServerThatStopsReadingGivesUpAfterTheLimit) {
+  redisReply *r = tqredis_db_command(2, 0, -1, 0, "SET k v");
+  ASSERT_NE(r, nullptr);
+  freeReplyObject(r);
+  servers_.Freeze(TQREDIS_DB_HOST, true);
+  // Far beyond what a unix socket holds.
+  const std::string value(8 << 20, 'x');
+  const Timed t = Measure([&] {
+    return tqredis_db_command(2, 1, -1, TQREDIS_CMD_COMMIT, "SET big %s",
+                              value.c_str());
+  });
+  EXPECT_EQ(t.reply, nullptr);
+  EXPECT_GE(t.elapsed_ms, kLimitMs);
+  EXPECT_LT(t.elapsed_ms, kLimitMs + kSlackMs);
+  // On the master card writes travel on the read connection.
+  EXPECT_EQ(t.log,
+            "<tqredis_exec_command>:redis_host[write] commit command fail\r\n"
+            "<DropTimedOut>:redis_host read wait for write gave up after "
+            "1500 ms\r\n");
+  // Still here, the slot freed; it connects again once the server reads.
+  EXPECT_EQ(tqredis_db_is_connected(2, 0), 0);
+  servers_.Freeze(TQREDIS_DB_HOST, false);
   r = tqredis_db_command(2, 0, -1, 0, "GET k");
   ASSERT_NE(r, nullptr);
   EXPECT_EQ(Text(r), "v");

@@ -58,8 +58,13 @@ bool RedisServer::Start(const std::string &socket_path) {
 void RedisServer::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
+  kill(pid_, SIGCONT);  // a frozen server takes its SIGTERM only once woken
   waitpid(pid_, nullptr, 0);
   pid_ = -1;
+}
+
+void RedisServer::Freeze(bool frozen) {
+  if (pid_ > 0) kill(pid_, frozen ? SIGSTOP : SIGCONT);
 }
 
 void RedisServer::Kill() {

@@ -28,6 +28,9 @@ class RedisServer {
   void Stop();
   // SIGKILL and wait: the socket file stays behind, as after a crash.
   void Kill();
+  // SIGSTOP (true) or SIGCONT (false): a frozen server reads nothing, so a
+  // client's writes fill its socket and then block.
+  void Freeze(bool frozen);
   bool running() const { return pid_ > 0; }
 
  private:
@@ -41,6 +44,7 @@ class DeviceServers {
   bool Start(int db) { return servers_[db].Start(kSocketPaths[db]); }
   void Stop(int db) { servers_[db].Stop(); }
   void Kill(int db) { servers_[db].Kill(); }
+  void Freeze(int db, bool frozen) { servers_[db].Freeze(frozen); }
 
  private:
   RedisServer servers_[3];
