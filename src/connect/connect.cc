@@ -274,8 +274,14 @@ int tqredis_db_connect_nolock(void) {
       // No pubsub or write attempt for a database whose read slot is down.
       rv = tqredis_connect(db, TQREDIS_OP_READ);
       if (rv != 0) continue;
-      rv = tqredis_connect(db, TQREDIS_OP_PUBSUB);
-      if (rv != 0) continue;
+      // Reconnecting in place, a lost pubsub slot is the pump's to restore,
+      // in the pump's thread, which reads it without the lock, and with
+      // its subscriptions.
+      if (!(tqredis::detail::ReconnectOn() &&
+            tqredis::detail::SlotLost(db, TQREDIS_OP_PUBSUB))) {
+        rv = tqredis_connect(db, TQREDIS_OP_PUBSUB);
+        if (rv != 0) continue;
+      }
     }
     if (tqredis_cardinfo_is_readed() &&
         tqredis_get_write_connext_stats(db) == 1) {
