@@ -14,10 +14,6 @@
 #include "core/result.h"
 #include "tqredis.h"
 
-using tqredis::detail::DbName;
-using tqredis::detail::kLogLife;
-using tqredis::detail::OpName;
-
 namespace {
 
 // Guarded by the global lock, like the table.
