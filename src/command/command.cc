@@ -209,7 +209,7 @@ int FlushWhole(redisContext *ctx) {
       if (whole == 0 || start + whole > sent) break;
       start += whole;
     }
-    sdsrange(ctx->obuf, static_cast<ssize_t>(start), -1);
+    sdsrange(ctx->obuf, static_cast<int>(start), -1);
     return -1;
   }
   // As hiredis does: the memory of a large burst is not kept.
