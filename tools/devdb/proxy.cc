@@ -454,6 +454,33 @@ std::string Proxy::ClientStatus(const Conn *c, const std::string &name) {
                           ClientFigures{});
 }
 
+bool Proxy::ServerIdsOfKind(int db, std::string_view kind,
+                            std::vector<long long> *ids) {
+  // The server's own list, not the requests seen here: a name takes effect
+  // when the server carries the request out, however it was given.
+  redisContext *admin = Admin(db);
+  ReplyPtr list(admin != nullptr ? static_cast<redisReply *>(
+                                       redisCommand(admin, "CLIENT LIST"))
+                                 : nullptr);
+  if (!list || list->type != REDIS_REPLY_STRING) return false;
+  const std::string_view text(list->str, list->len);
+  const std::string suffix = "-" + std::string(kind);
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string_view::npos) end = text.size();
+    const std::string_view line = text.substr(pos, end - pos);
+    pos = end + 1;
+    const std::string_view name = FieldOf(line, "name");
+    if (name.size() < suffix.size() ||
+        name.substr(name.size() - suffix.size()) != suffix)
+      continue;
+    const std::string id(FieldOf(line, "id"));
+    if (!id.empty()) ids->push_back(std::atoll(id.c_str()));
+  }
+  return true;
+}
+
 void Proxy::Flush(Conn *c) {
   if (c->dead) return;
   if (!c->to_server.empty() && !WriteSome(c->up_fd, &c->to_server, nullptr)) {
@@ -556,12 +583,31 @@ void Proxy::Control(const redisReply *request, std::string *reply) {
                                              : std::string(kDefaultPingStatus);
     }
     AppendStatus(reply, "OK");
-  } else if (verb == "close" && argc == 2) {
+  } else if (verb == "close" && (argc == 2 || argc == 3)) {
+    std::string_view kind;
+    if (argc == 3) {
+      kind = ArgText(request, 2);
+      if (kind != "read" && kind != "write" && kind != "pubsub") {
+        AppendError(reply, "ERR unknown connection kind (read, write, pubsub)");
+        return;
+      }
+    }
     long long closed = 0;
-    for (auto &c : conns_) {
-      if (c->dead || c->db < first || c->db > last) continue;
-      CloseConn(c.get());
-      ++closed;
+    for (int db = first; db <= last; ++db) {
+      std::vector<long long> ids;
+      if (!kind.empty() && !ServerIdsOfKind(db, kind, &ids)) {
+        AppendError(reply, "ERR cannot read the client list of " +
+                               std::string(kDbNames[db]));
+        return;
+      }
+      for (auto &c : conns_) {
+        if (c->dead || c->db != db) continue;
+        if (!kind.empty() &&
+            std::find(ids.begin(), ids.end(), c->server_id) == ids.end())
+          continue;
+        CloseConn(c.get());
+        ++closed;
+      }
     }
     AppendInteger(reply, closed);
   } else if (verb == "refuse" && argc == 3 &&

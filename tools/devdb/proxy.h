@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "faults.h"
@@ -107,6 +108,10 @@ class Proxy {
   void Deliver(Conn *c, Frame *frame);
   void DrainLocal(Conn *c);
   std::string ClientStatus(const Conn *c, const std::string &name);
+  // The server's ids of the clients of `db` whose name ends in "-<kind>";
+  // false when the server's client list cannot be read.
+  bool ServerIdsOfKind(int db, std::string_view kind,
+                       std::vector<long long> *ids);
   void Flush(Conn *c);
   void Drop(Conn *c, const char *reason);
   void CloseConn(Conn *c);

@@ -79,6 +79,92 @@ TEST_F(DevdbFaults, CloseDropsEveryClientOfTheDatabaseOnly) {
   EXPECT_EQ(Text(Command(fresh.get(), {"PING"})), "PONG");
 }
 
+// Connections named as tqredis names them, "<process>-<kind>", and some
+// that only look alike.
+TEST_F(DevdbFaults, CloseOfAKindDropsOnlyConnectionsNamedForIt) {
+  ContextPtr read = Connect();
+  ContextPtr write = Connect();
+  ContextPtr pubsub = Connect();
+  ContextPtr unnamed = Connect();
+  ContextPtr lookalike = Connect();
+  ContextPtr other_db = Connect("redis_de_global");
+  ASSERT_EQ(Text(Command(read.get(), {"CLIENT", "SETNAME", "proc-read"})),
+            "OK");
+  ASSERT_EQ(Text(Command(write.get(), {"CLIENT", "SETNAME", "proc-write"})),
+            "OK");
+  ASSERT_EQ(Text(Command(pubsub.get(), {"CLIENT", "SETNAME", "proc-pubsub"})),
+            "OK");
+  ASSERT_EQ(
+      Text(Command(lookalike.get(), {"CLIENT", "SETNAME", "proc-read-x"})),
+      "OK");
+  ASSERT_EQ(Text(Command(other_db.get(), {"CLIENT", "SETNAME", "proc-read"})),
+            "OK");
+  ASSERT_TRUE(Command(pubsub.get(), {"PSUBSCRIBE", "__keyspace@0__:*"}));
+  ASSERT_TRUE(Command(unnamed.get(), {"PING"}));
+
+  Output o = Ctl({"close", "redis_host", "read"});
+  ASSERT_EQ(o.code, 0);
+  EXPECT_EQ(o.out, "1\n");
+  EXPECT_FALSE(Command(read.get(), {"PING"}));
+  EXPECT_EQ(Text(Command(write.get(), {"PING"})), "PONG");
+  EXPECT_EQ(Text(Command(unnamed.get(), {"PING"})), "PONG");
+  EXPECT_EQ(Text(Command(lookalike.get(), {"PING"})), "PONG");
+  EXPECT_EQ(Text(Command(other_db.get(), {"PING"})), "PONG");
+
+  o = Ctl({"close", "redis_host", "pubsub"});
+  ASSERT_EQ(o.code, 0);
+  EXPECT_EQ(o.out, "1\n");
+  EXPECT_FALSE(Next(pubsub.get()));
+  EXPECT_EQ(Text(Command(write.get(), {"PING"})), "PONG");
+
+  o = Ctl({"close", "all", "write"});
+  ASSERT_EQ(o.code, 0);
+  EXPECT_EQ(o.out, "1\n");
+  EXPECT_FALSE(Command(write.get(), {"PING"}));
+  EXPECT_EQ(Text(Command(other_db.get(), {"PING"})), "PONG");
+
+  // Nothing left of the kind: nothing closed, and no error.
+  o = Ctl({"close", "redis_host", "pubsub"});
+  ASSERT_EQ(o.code, 0);
+  EXPECT_EQ(o.out, "0\n");
+  EXPECT_EQ(Text(Command(unnamed.get(), {"PING"})), "PONG");
+  EXPECT_EQ(Text(Command(lookalike.get(), {"PING"})), "PONG");
+}
+
+TEST_F(DevdbFaults, CloseOfAKindOnAllDatabasesCountsEveryOneClosed) {
+  ContextPtr host = Connect();
+  ContextPtr de = Connect("redis_de_global");
+  ContextPtr ce = Connect("redis_ce_global");
+  ASSERT_EQ(Text(Command(host.get(), {"CLIENT", "SETNAME", "a-read"})), "OK");
+  ASSERT_EQ(Text(Command(de.get(), {"CLIENT", "SETNAME", "b-read"})), "OK");
+  ASSERT_EQ(Text(Command(ce.get(), {"CLIENT", "SETNAME", "c-write"})), "OK");
+  const Output o = Ctl({"close", "all", "read"});
+  ASSERT_EQ(o.code, 0);
+  EXPECT_EQ(o.out, "2\n");
+  EXPECT_FALSE(Command(host.get(), {"PING"}));
+  EXPECT_FALSE(Command(de.get(), {"PING"}));
+  EXPECT_EQ(Text(Command(ce.get(), {"PING"})), "PONG");
+}
+
+TEST_F(DevdbFaults, CloseWithAnUnknownKindClosesNothing) {
+  ContextPtr c = Connect();
+  ASSERT_EQ(Text(Command(c.get(), {"CLIENT", "SETNAME", "proc-read"})), "OK");
+  ContextPtr ctl(redisConnectUnix((dir_ + "/tqredis-devdb.ctl").c_str()));
+  ASSERT_TRUE(ctl);
+  ASSERT_EQ(ctl->err, 0);
+  for (const char *kind : {"reader", "READ", ""}) {
+    ReplyPtr r = Command(ctl.get(), {"close", "redis_host", kind});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->type, REDIS_REPLY_ERROR) << kind;
+    EXPECT_EQ(Text(r), "ERR unknown connection kind (read, write, pubsub)");
+  }
+  ReplyPtr r = Command(ctl.get(), {"close", "redis_host", "read", "more"});
+  ASSERT_TRUE(r);
+  EXPECT_EQ(Text(r), "ERR unknown control command or wrong arguments");
+  EXPECT_EQ(Ctl({"close", "redis_host", "reader"}).code, 1);
+  EXPECT_EQ(Text(Command(c.get(), {"PING"})), "PONG");
+}
+
 TEST_F(DevdbFaults, RefuseMakesConnectingFailUntilCleared) {
   ContextPtr before = Connect();
   ASSERT_EQ(Ctl({"refuse", "redis_host", "0"}).code, 0);
