@@ -102,7 +102,33 @@ void CommandOnLostConnection() {
   std::exit(3);  // not reached
 }
 
+constexpr char kHookMark[] = "/tmp/tqredis/fatal_conn_hook";
+
+// A connection-event hook that leaves a mark: the child's calls are seen
+// from the parent.
+void MarkConnHook(uint32_t db, uint32_t op, int up, void *) {
+  WriteFile(kHookMark, std::to_string(db) + " " + std::to_string(op) + " " +
+                           std::to_string(up) + "\n");
+}
+
 }  // namespace
+
+TEST_F(Fatal, CloseWithReconnectOffEndsTheProcessAndCallsNoConnHook) {
+  ASSERT_EQ(tqredis_get_option("reconnect"), 0);
+  ASSERT_EQ(tqredis_conn_hook_register(MarkConnHook, nullptr), 0);
+  Connect();
+  const auto done = emulator_.Ctl({"close", "redis_ce_global", "read"});
+  ASSERT_EQ(done.exit_code, 0);
+  ASSERT_EQ(done.out, "1\n");
+  EXPECT_EXIT(CommandOnLostConnection(), ::testing::ExitedWithCode(0), "");
+  EXPECT_FALSE(Exists(kHookMark)) << ReadFile(kHookMark);
+  const std::string copy = LogMessages("/var/tmp/coredump/fatal_test.limitlog");
+  const std::string tail =
+      "<tqredis_exit>:>>>>exit for disconnecting from redis_ce_global\r\n";
+  ASSERT_GE(copy.size(), tail.size()) << copy;
+  EXPECT_EQ(copy.substr(copy.size() - tail.size()), tail) << copy;
+  EXPECT_EQ(copy.find("reconnect in place"), std::string::npos) << copy;
+}
 
 TEST_F(Fatal, ExitStatusEndsTheProcessWithItAfterALevel8Line) {
   ASSERT_EQ(tqredis_set_option("exitstatus", 75), 0);
