@@ -18,20 +18,22 @@
 #endif
 
 namespace {
-std::atomic<long long> g_blocks{0};
-std::atomic<long long> g_bytes{0};
+// long, not long long: a word the 32-bit targets update without libatomic;
+// a test's heap stays far below 2 GiB.
+std::atomic<long> g_blocks{0};
+std::atomic<long> g_bytes{0};
 
 void Counted(void *p) {
   if (p == nullptr) return;
   g_blocks.fetch_add(1, std::memory_order_relaxed);
-  g_bytes.fetch_add(static_cast<long long>(malloc_usable_size(p)),
+  g_bytes.fetch_add(static_cast<long>(malloc_usable_size(p)),
                     std::memory_order_relaxed);
 }
 
 void Uncounted(void *p) {
   if (p == nullptr) return;
   g_blocks.fetch_sub(1, std::memory_order_relaxed);
-  g_bytes.fetch_sub(static_cast<long long>(malloc_usable_size(p)),
+  g_bytes.fetch_sub(static_cast<long>(malloc_usable_size(p)),
                     std::memory_order_relaxed);
 }
 }  // namespace
@@ -59,7 +61,7 @@ TQ_EXPORT void *calloc(size_t count, size_t size) {
 
 TQ_EXPORT void *realloc(void *ptr, size_t size) {
   if (ptr == nullptr) return malloc(size);
-  const long long before = static_cast<long long>(malloc_usable_size(ptr));
+  const long before = static_cast<long>(malloc_usable_size(ptr));
   void *p = __libc_realloc(ptr, size);
   if (p == nullptr) {
     // size 0 frees; any other failure leaves the block as it was.
@@ -69,7 +71,7 @@ TQ_EXPORT void *realloc(void *ptr, size_t size) {
     }
     return p;
   }
-  g_bytes.fetch_add(static_cast<long long>(malloc_usable_size(p)) - before,
+  g_bytes.fetch_add(static_cast<long>(malloc_usable_size(p)) - before,
                     std::memory_order_relaxed);
   return p;
 }
