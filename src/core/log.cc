@@ -46,15 +46,6 @@ FILE *OpenLog(const char *suffix) {
 
 namespace tqredis::detail {
 
-LocalTime LocalNow() {
-  LocalTime time;
-  gettimeofday(&time.now, nullptr);
-  const time_t seconds = time.now.tv_sec;
-  std::memset(&time.local, 0, sizeof(time.local));
-  localtime_r(&seconds, &time.local);
-  return time;
-}
-
 namespace {
 
 // `width` decimal digits of `value`, zero-padded. REQUIRES: value fits.
@@ -70,7 +61,73 @@ bool InRange(int value, int low, int high) {
   return value >= low && value <= high;
 }
 
+// Writes "YYYYMMDD_hh:mm:ss." of `tm` into `out` (at least 18 bytes) when
+// every field fits its printed width; returns 18, or 0 when one does not (a
+// clock far off), which leaves the stamp to snprintf.
+uint8_t FormatDate(const struct tm &tm, char *out) {
+  const int year = tm.tm_year + 1900;
+  if (!InRange(year, 0, 9999) || !InRange(tm.tm_mon, 0, 98) ||
+      !InRange(tm.tm_mday, 0, 99) || !InRange(tm.tm_hour, 0, 99) ||
+      !InRange(tm.tm_min, 0, 99) || !InRange(tm.tm_sec, 0, 99)) {
+    return 0;
+  }
+  char *p = PutDigits(out, static_cast<unsigned>(year), 4);
+  p = PutDigits(p, static_cast<unsigned>(tm.tm_mon + 1), 2);
+  p = PutDigits(p, static_cast<unsigned>(tm.tm_mday), 2);
+  *p++ = '_';
+  p = PutDigits(p, static_cast<unsigned>(tm.tm_hour), 2);
+  *p++ = ':';
+  p = PutDigits(p, static_cast<unsigned>(tm.tm_min), 2);
+  *p++ = ':';
+  p = PutDigits(p, static_cast<unsigned>(tm.tm_sec), 2);
+  *p++ = '.';
+  return static_cast<uint8_t>(p - out);
+}
+
+// The last second this thread turned into local time, with the zone it was
+// turned in: the zone's offset, its daylight flag and its two names, as the C
+// library left them after the conversion. A tzset() that installs another
+// zone changes at least one of them.
+struct Calendar {
+  bool valid;
+  time_t sec;
+  long zone;
+  int daylight;
+  const char *names[2];
+  struct tm local;
+  char date[19];
+  uint8_t date_len;
+};
+thread_local Calendar t_calendar;
+
+bool SameZone(const Calendar &calendar) {
+  return calendar.zone == ::timezone && calendar.daylight == ::daylight &&
+         calendar.names[0] == ::tzname[0] && calendar.names[1] == ::tzname[1];
+}
+
 }  // namespace
+
+LocalTime LocalNow() {
+  LocalTime time;
+  gettimeofday(&time.now, nullptr);
+  Calendar &calendar = t_calendar;
+  const time_t seconds = time.now.tv_sec;
+  if (!calendar.valid || calendar.sec != seconds || !SameZone(calendar)) {
+    std::memset(&calendar.local, 0, sizeof(calendar.local));
+    localtime_r(&seconds, &calendar.local);
+    calendar.sec = seconds;
+    calendar.zone = ::timezone;
+    calendar.daylight = ::daylight;
+    calendar.names[0] = ::tzname[0];
+    calendar.names[1] = ::tzname[1];
+    calendar.date_len = FormatDate(calendar.local, calendar.date);
+    calendar.valid = true;
+  }
+  time.local = calendar.local;
+  std::memcpy(time.date, calendar.date, sizeof(time.date));
+  time.date_len = calendar.date_len;
+  return time;
+}
 
 size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
                    size_t size) {
@@ -79,26 +136,14 @@ size_t FormatStamp(const LocalTime &time, bool pad_usec, char *out,
   const auto usec = static_cast<unsigned long>(time.now.tv_usec);
   // Every field within its printed width: the common case, by hand. Anything
   // else (a clock far off) goes through snprintf, which gives the same text.
-  if (size >= 25 && InRange(year, 0, 9999) && InRange(tm.tm_mon, 0, 98) &&
-      InRange(tm.tm_mday, 0, 99) && InRange(tm.tm_hour, 0, 99) &&
-      InRange(tm.tm_min, 0, 99) && InRange(tm.tm_sec, 0, 99) &&
-      usec < 1000000) {
-    char *p = PutDigits(out, static_cast<unsigned>(year), 4);
-    p = PutDigits(p, static_cast<unsigned>(tm.tm_mon + 1), 2);
-    p = PutDigits(p, static_cast<unsigned>(tm.tm_mday), 2);
-    *p++ = '_';
-    p = PutDigits(p, static_cast<unsigned>(tm.tm_hour), 2);
-    *p++ = ':';
-    p = PutDigits(p, static_cast<unsigned>(tm.tm_min), 2);
-    *p++ = ':';
-    p = PutDigits(p, static_cast<unsigned>(tm.tm_sec), 2);
-    *p++ = '.';
+  if (size >= 25 && time.date_len == 18 && usec < 1000000) {
+    std::memcpy(out, time.date, 18);
     int digits = 6;
     if (!pad_usec) {
       for (digits = 1; digits < 6 && usec >= kPowersOfTen[digits]; ++digits) {
       }
     }
-    p = PutDigits(p, static_cast<unsigned>(usec), digits);
+    char *p = PutDigits(out + 18, static_cast<unsigned>(usec), digits);
     *p = '\0';
     return static_cast<size_t>(p - out);
   }

@@ -23,11 +23,19 @@ enum LogLevel : uint32_t {
   kLogReplyDump = TQREDIS_LOG_DUMP,
 };
 
-// The time of day and its local calendar form, read together.
+// The time of day and its local calendar form, read together. `date` holds
+// "YYYYMMDD_hh:mm:ss." of `local` (date_len 18) when every field fits its
+// printed width, else nothing (date_len 0).
 struct LocalTime {
   struct timeval now;
   struct tm local;
+  char date[19];
+  uint8_t date_len;
 };
+// The calendar fields and the date text are kept per thread for the rest
+// of the second they were made in, as long as the time zone stays the one
+// they were made in: localtime_r() reads the zone once anyway, so only a
+// tzset() changes it, and that is seen at the next call.
 LocalTime LocalNow();
 
 // Writes the stamp "YYYYMMDD_hh:mm:ss." of `time` and its microseconds,

@@ -49,3 +49,28 @@ TEST(Stamp, UsesLocalTime) {
   EXPECT_EQ(tqtest::ReadFile(tqtest::LogPath("limitlog")).substr(before.size()),
             "20240302_11:05:03.000000 x\r\n");
 }
+
+TEST(Stamp, EachLineOfOneSecondHasItsOwnMicroseconds) {
+  EXPECT_EQ(StampOfNextLine(1709370303, 42), "20240302_09:05:03.000042 x\r\n");
+  EXPECT_EQ(StampOfNextLine(1709370303, 43), "20240302_09:05:03.000043 x\r\n");
+}
+
+TEST(Stamp, TheNextSecondIsTurnedIntoLocalTimeAgain) {
+  EXPECT_EQ(StampOfNextLine(1709370303, 999999),
+            "20240302_09:05:03.999999 x\r\n");
+  EXPECT_EQ(StampOfNextLine(1709370304, 0), "20240302_09:05:04.000000 x\r\n");
+  // Back by a day within the process: nothing of the later second is kept.
+  EXPECT_EQ(StampOfNextLine(1709283903, 7), "20240301_09:05:03.000007 x\r\n");
+}
+
+TEST(Stamp, AZoneSetWithinTheSecondIsSeenAtOnce) {
+  EXPECT_EQ(StampOfNextLine(1709370303, 1), "20240302_09:05:03.000001 x\r\n");
+  tqtest::SetClock(1709370303, 2);
+  setenv("TZ", "XYZ-2", 1);  // two hours east of UTC
+  tzset();
+  const std::string before = tqtest::ReadFile(tqtest::LogPath("limitlog"));
+  tqredis_dbg_logfile(TQREDIS_LOG_LIFE, "x\r\n");
+  tqtest::UseRealClock();
+  EXPECT_EQ(tqtest::ReadFile(tqtest::LogPath("limitlog")).substr(before.size()),
+            "20240302_11:05:03.000002 x\r\n");
+}
