@@ -1,12 +1,15 @@
 // Notification replies from arbitrary bytes through the notification
 // handling: the shape check, the record built for the hooks, the pattern
-// match and the operation record. The first byte picks the database.
+// match and the operation record. The first byte picks the database. The
+// replies are built from a pool, as the pump builds them.
 #include <cstring>
 
 #include "fuzz/fuzz_common.h"
 #include "tqredis.h"
 
 namespace {
+
+tqredis::detail::ReplyPool g_pool;
 
 // Reads everything the record offers, as a host's hook would.
 int ReadRecord(tqredis_pmsg *pmsg, void *) {
@@ -45,11 +48,14 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;
   const uint32_t db = data[0] % 4;  // 3: an invalid database
-  tqfuzz::ForEachReply(data + 1, size - 1, [&](redisReply *reply) {
-    tqredis_check_pubsub_reply(reply);
-    tqredis_pmsg pmsg{};
-    tqredis_get_pmsg_by_reply(reply, &pmsg);
-    tqredis_db_deal_pmsg(db, reply);
-  });
+  tqfuzz::ForEachReply(
+      data + 1, size - 1,
+      [&](redisReply *reply) {
+        tqredis_check_pubsub_reply(reply);
+        tqredis_pmsg pmsg{};
+        tqredis_get_pmsg_by_reply(reply, &pmsg);
+        tqredis_db_deal_pmsg(db, reply);
+      },
+      &g_pool);
   return 0;
 }

@@ -1,5 +1,6 @@
 // Replies from arbitrary bytes through the checks, the dump (level 16) and
-// every getter. The first bytes choose the getters' index, base and field.
+// every getter. The first bytes choose the getters' index, base and field,
+// and whether the replies are built from a pool (the first byte's top bit).
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -8,6 +9,8 @@
 #include "tqredis.h"
 
 namespace {
+
+tqredis::detail::ReplyPool g_pool;
 
 void Exercise(redisReply *reply, int index, int base, const char *field) {
   tqredis_check_reply(reply);
@@ -56,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string field(reinterpret_cast<const char *>(data + 3), field_len);
   tqfuzz::ForEachReply(
       data + 3 + field_len, size - 3 - field_len,
-      [&](redisReply *reply) { Exercise(reply, index, base, field.c_str()); });
+      [&](redisReply *reply) { Exercise(reply, index, base, field.c_str()); },
+      (data[0] & 0x80) != 0 ? &g_pool : nullptr);
   return 0;
 }

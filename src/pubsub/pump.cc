@@ -14,6 +14,7 @@
 
 #include "command/command.h"
 #include "connect/connect.h"
+#include "connect/reader.h"
 #include "core/clock.h"
 #include "core/keycmd.h"
 #include "core/lock.h"
@@ -58,6 +59,10 @@ constexpr size_t kValue = 4;
 // at the earliest).
 constexpr int32_t kIdleTicksPerSave = 600;
 constexpr long kWaitUsec = 100000;
+
+// The spare reply objects of each database's pubsub connection, kept from one
+// connection to the next. Guarded by the global lock, as the pump's reads.
+tqredis::detail::ReplyPool g_reply_pools[TQREDIS_DB_NUM];
 
 std::string_view Text(const redisReply *reply) {
   return reply->str != nullptr ? std::string_view(reply->str, reply->len)
@@ -135,8 +140,17 @@ int tqredis_get_pubsub(uint32_t db) {
   redisReply *reply = nullptr;
   int rv;
   while ((rv = tqredis_get_pubsub_reply(db, &reply)) == 0) {
+    // Asked before the hooks run: one of them may drop the connection.
+    const redisContext *context = tqredis_get_context(db, TQREDIS_OP_PUBSUB);
+    const bool pooled =
+        reply != nullptr && context != nullptr &&
+        tqredis::detail::BuildsFrom(context->reader, &g_reply_pools[db]);
     tqredis_db_deal_pmsg(db, reply);
-    tqredis_free_reply(reply);
+    if (pooled) {
+      tqredis::detail::RecycleReply(&g_reply_pools[db], reply);
+    } else {
+      tqredis_free_reply(reply);
+    }
   }
   if (rv == 1) return 1;
   const int err = errno;
@@ -154,6 +168,9 @@ int tqredis_get_pubsub_reply(uint32_t db, redisReply **reply) {
   redisContext *context = tqredis_get_context(db, TQREDIS_OP_PUBSUB);
   if (context == nullptr || reply == nullptr) return REDIS_ERR;
   *reply = nullptr;
+  // From the first reply the pump reads on, the reader builds from the pool
+  // (the handshake's replies were hiredis's own).
+  tqredis::detail::PoolReader(context->reader, &g_reply_pools[db]);
   void *parsed = nullptr;
   if (g_tqredis_pubsub_reading == 0) {
     // The socket is readable: one read, then whatever it completed.
