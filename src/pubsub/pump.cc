@@ -5,6 +5,7 @@
 
 #include <sys/select.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "command/command.h"
 #include "connect/connect.h"
 #include "connect/reader.h"
+#include "connect/table.h"
 #include "core/clock.h"
 #include "core/keycmd.h"
 #include "core/lock.h"
@@ -63,6 +65,90 @@ constexpr long kWaitUsec = 100000;
 // The spare reply objects of each database's pubsub connection, kept from one
 // connection to the next. Guarded by the global lock, as the pump's reads.
 tqredis::detail::ReplyPool g_reply_pools[TQREDIS_DB_NUM];
+
+// What one read of a pubsub socket brought in and its reader has not been
+// given yet. The reader is given it a slice at a time: once it has parsed a
+// kilobyte, hiredis moves the rest of its buffer to the front after every
+// reply, so a whole read handed over at once would be moved again for each
+// of the hundred notifications it holds. Bytes are pending only while the
+// pump drains one database; they belong to the connection they were read
+// from and are dropped with it. Guarded by the global lock.
+struct Inbound {
+  const redisContext *context;
+  uint32_t connect_num;
+  size_t start;  // bytes[start, end) are pending
+  size_t end;
+  char bytes[16 * 1024];  // one read, as hiredis reads
+};
+Inbound g_inbound[TQREDIS_DB_NUM];
+constexpr size_t kSlice = 1024;
+
+// The context's error, as hiredis sets it when its own read fails.
+void SetReadError(redisContext *context, int type, const char *text) {
+  context->err = type;
+  const size_t len = strnlen(text, sizeof(context->errstr) - 1);
+  std::memcpy(context->errstr, text, len);
+  context->errstr[len] = '\0';
+}
+
+// One read of the socket into `in`, as redisBufferRead() does it: an
+// interrupted read (or one that would block a non-blocking socket) reads
+// nothing and succeeds; an error or the server's close fails the context.
+int ReadSocket(redisContext *context, Inbound &in) {
+  if (context->err) return REDIS_ERR;
+  const ssize_t n = read(context->fd, in.bytes, sizeof(in.bytes));
+  if (n < 0) {
+    if ((errno == EAGAIN && !(context->flags & REDIS_BLOCK)) ||
+        errno == EINTR) {
+      return REDIS_OK;
+    }
+    SetReadError(context, REDIS_ERR_IO, std::strerror(errno));
+    return REDIS_ERR;
+  }
+  if (n == 0) {
+    SetReadError(context, REDIS_ERR_EOF, "Server closed the connection");
+    return REDIS_ERR;
+  }
+  in.start = 0;
+  in.end = static_cast<size_t>(n);
+  return REDIS_OK;
+}
+
+// The next complete reply of `context` into *out (NULL: none yet): what its
+// reader holds, then the pending bytes of `in`. With `may_read`, as
+// redisGetReply() on a blocking context: what is waiting to be written goes
+// out first, then the socket is read until a reply is complete.
+int NextReply(redisContext *context, Inbound &in, bool may_read, void **out) {
+  redisReader *reader = context->reader;
+  bool flushed = false;
+  for (;;) {
+    if (redisReaderGetReply(reader, out) != REDIS_OK) {
+      SetReadError(context, reader->err, reader->errstr);
+      in.start = in.end;
+      return REDIS_ERR;
+    }
+    if (*out != nullptr) return REDIS_OK;
+    if (in.start < in.end) {
+      const size_t n = std::min(kSlice, in.end - in.start);
+      if (redisReaderFeed(reader, in.bytes + in.start, n) != REDIS_OK) {
+        SetReadError(context, reader->err, reader->errstr);
+        in.start = in.end;
+        return REDIS_ERR;
+      }
+      in.start += n;
+      continue;
+    }
+    if (!may_read || !(context->flags & REDIS_BLOCK)) return REDIS_OK;
+    if (!flushed) {
+      int done = 0;
+      do {
+        if (redisBufferWrite(context, &done) == REDIS_ERR) return REDIS_ERR;
+      } while (!done);
+      flushed = true;
+    }
+    if (ReadSocket(context, in) != REDIS_OK) return REDIS_ERR;
+  }
+}
 
 std::string_view Text(const redisReply *reply) {
   return reply->str != nullptr ? std::string_view(reply->str, reply->len)
@@ -171,16 +257,25 @@ int tqredis_get_pubsub_reply(uint32_t db, redisReply **reply) {
   // From the first reply the pump reads on, the reader builds from the pool
   // (the handshake's replies were hiredis's own).
   tqredis::detail::PoolReader(context->reader, &g_reply_pools[db]);
+  Inbound &in = g_inbound[db];
+  const uint32_t connect_num =
+      tqredis::detail::g_tqredis_connect_mng[TQREDIS_OP_PUBSUB][db].connect_num;
+  if (in.context != context || in.connect_num != connect_num) {
+    // Another connection: what an earlier one left is not its stream.
+    in.context = context;
+    in.connect_num = connect_num;
+    in.start = in.end = 0;
+  }
   void *parsed = nullptr;
   if (g_tqredis_pubsub_reading == 0) {
     // The socket is readable: one read, then whatever it completed.
     g_tqredis_pubsub_reading = 1;
-    const int rv = redisGetReply(context, &parsed);
+    const int rv = NextReply(context, in, true, &parsed);
     *reply = static_cast<redisReply *>(parsed);
     return rv;
   }
   // Parse only what the last read brought in; no socket read.
-  const int rv = redisGetReplyFromReader(context, &parsed);
+  const int rv = NextReply(context, in, false, &parsed);
   if (rv != REDIS_OK || parsed != nullptr) {
     *reply = static_cast<redisReply *>(parsed);
     return rv;

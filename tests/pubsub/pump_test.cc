@@ -252,6 +252,84 @@ TEST_F(Pump, ThreeNotificationsInOneReadAreDeliveredInOneCall) {
   EXPECT_EQ(g_tqredis_pubsub_reading, 0u);  // drained to the end
 }
 
+// Notifications of one escaped piece for the emulator's inject: keys k0..,
+// values whose length varies, so that replies end anywhere in a read.
+std::string Burst(int count, int long_value_at = -1) {
+  std::string bytes;
+  for (int i = 0; i < count; ++i) {
+    const std::string key = "k" + std::to_string(i);
+    const std::string value =
+        i == long_value_at ? std::string(3000, 'L')
+                           : std::string(static_cast<size_t>(i % 37), 'v');
+    bytes +=
+        "*5\\r\\n$8\\r\\npmessage\\r\\n$17\\r\\n__keyspace@0__:k*"
+        "\\r\\n$" +
+        std::to_string(15 + key.size()) + "\\r\\n__keyspace@0__:" + key +
+        "\\r\\n$3\\r\\nset\\r\\n$" + std::to_string(value.size()) + "\\r\\n" +
+        value + "\\r\\n";
+  }
+  return bytes;
+}
+
+// More than one socket read of notifications, each given to the reader in
+// slices: every one is delivered whole, in order, with its value.
+TEST_F(Pump, BurstOfManyReadsIsDeliveredWholeAndInOrder) {
+  Subscribe({Entry(2, "k*", SubscriptionHook)});
+  constexpr int kCount = 700;
+  const auto out =
+      emulator_.Ctl({"inject", "redis_host", Burst(kCount, /*long*/ 350)});
+  ASSERT_EQ(out.exit_code, 0) << out.out;
+  ASSERT_EQ(out.out, "1\n");
+  PumpUntil(kCount);
+  ASSERT_EQ(g_seen.size(), static_cast<size_t>(kCount));
+  for (int i = 0; i < kCount; ++i) {
+    ASSERT_EQ(g_seen[i].key, "k" + std::to_string(i));
+    ASSERT_EQ(g_seen[i].value,
+              i == 350 ? std::string(3000, 'L') : std::string(i % 37, 'v'))
+        << i;
+  }
+  EXPECT_EQ(g_tqredis_pubsub_reading, 0u);
+  EXPECT_EQ(g_tqredis_in_log.total, static_cast<uint32_t>(kCount));
+}
+
+TEST_F(Pump, ServerClosingThePubsubConnectionIsItsError) {
+  Subscribe({Entry(2, "k*", SubscriptionHook)});
+  ASSERT_EQ(emulator_.Ctl({"close", "redis_host"}).exit_code, 0);
+  EXPECT_EXIT(
+      {
+        for (int i = 0; i < 100; ++i) tqredis_pubsub();
+        std::exit(3);
+      },
+      ::testing::ExitedWithCode(0), "");
+  const std::string copy =
+      tqtest::ReadFile("/var/tmp/coredump/pump_test.limitlog");
+  EXPECT_NE(copy.find(">:>>>>redis_host[pubsub] disconnect[error=3 Server "
+                      "closed the connection]\r\n"),
+            std::string::npos)
+      << copy;
+}
+
+// Bytes no reply can start with, after two good notifications of the same
+// read: both are delivered, then the connection fails as hiredis fails it.
+TEST_F(Pump, ProtocolErrorAfterGoodNotificationsIsTheConnectionsError) {
+  Subscribe({Entry(2, "k*", SubscriptionHook)});
+  ASSERT_EQ(emulator_.Ctl({"inject", "redis_host", Burst(2) + "?junk\\r\\n"})
+                .exit_code,
+            0);
+  EXPECT_EXIT(
+      {
+        for (int i = 0; i < 100; ++i) tqredis_pubsub();
+        std::exit(3);
+      },
+      ::testing::ExitedWithCode(0), "");
+  const std::string copy =
+      tqtest::ReadFile("/var/tmp/coredump/pump_test.limitlog");
+  EXPECT_NE(copy.find(">:>>>>redis_host[pubsub] disconnect[error=4 Protocol "
+                      "error, got \"?\" as reply type byte]\r\n"),
+            std::string::npos)
+      << copy;
+}
+
 struct Malformed {
   const char *name;
   const char *bytes;     // RESP, escaped for the emulator's inject
