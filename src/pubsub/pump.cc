@@ -370,24 +370,127 @@ int tqredis_call_pmsg_hook(tqredis_pmsg *pmsg) {
       {__func__, __LINE__, "process", std::string_view("")}, pmsg);
 }
 
+namespace {
+
+// What delivery reads of a notification that passed the check: the texts
+// after the first ':' of its two channels.
+struct Channels {
+  std::string_view pattern;
+  std::string_view key;
+};
+
+// Where the first ':' of a text reply is, or npos. A byte loop: channels
+// are short and the ':' comes early.
+size_t ColonIn(const redisReply *channel) {
+  const char *text = channel->str;
+  for (size_t i = 0; i < channel->len; ++i)
+    if (text[i] == ':') return i;
+  return std::string_view::npos;
+}
+
+bool IsText(const redisReply *r) {
+  return r != nullptr && r->type == REDIS_REPLY_STRING && r->str != nullptr;
+}
+
+// True when `reply` is a notification that tqredis_check_pubsub_reply()
+// accepts without a word: five elements, the first four texts, the value a
+// text, an integer or a status, a ':' in both channels. Everything else
+// (a nil value included) goes through the full check, which says what it
+// found.
+bool PlainPmessage(const redisReply *reply, Channels *out) {
+  if (reply == nullptr || reply->type != REDIS_REPLY_ARRAY ||
+      reply->elements != kPmessageElements || reply->element == nullptr) {
+    return false;
+  }
+  redisReply *const *e = reply->element;
+  if (!IsText(e[0]) || !IsText(e[kPatternChannel]) || !IsText(e[kKeyChannel]) ||
+      !IsText(e[kEvent])) {
+    return false;
+  }
+  const redisReply *value = e[kValue];
+  if (value == nullptr ||
+      !(IsText(value) || value->type == REDIS_REPLY_INTEGER ||
+        value->type == REDIS_REPLY_STATUS)) {
+    return false;
+  }
+  const size_t pattern_colon = ColonIn(e[kPatternChannel]);
+  const size_t key_colon = ColonIn(e[kKeyChannel]);
+  if (pattern_colon == std::string_view::npos ||
+      key_colon == std::string_view::npos) {
+    return false;
+  }
+  out->pattern = Text(e[kPatternChannel]).substr(pattern_colon + 1);
+  out->key = Text(e[kKeyChannel]).substr(key_colon + 1);
+  return true;
+}
+
+// The subscription each database's notifications came through last, with
+// the length of its pattern. Nodes are never removed and their patterns
+// never change, so the pointer stays valid; and since nodes are only
+// appended, the first node with a given text stays the first. Guarded by
+// the global lock.
+struct LastMatch {
+  tqredis_pubsub_node *node;
+  size_t len;
+};
+LastMatch g_last_match[TQREDIS_DB_NUM];
+
+// The first node of `db`'s list whose pattern is exactly `pattern`, or NULL.
+// REQUIRES: the lists were made, the global lock.
+tqredis_pubsub_node *SubscriptionOf(uint32_t db, std::string_view pattern) {
+  LastMatch &last = g_last_match[db];
+  if (last.node != nullptr && last.len == pattern.size() &&
+      std::memcmp(last.node->key_pattern, pattern.data(), last.len) == 0) {
+    return last.node;
+  }
+  tqredis_pubsub_node *head = &g_tqredis_pubsub_list[db];
+  for (tqredis_pubsub_node *node = head->next; node != head;
+       node = node->next) {
+    // The first byte first: most nodes differ there.
+    if (!pattern.empty() && node->key_pattern[0] != pattern[0]) continue;
+    if (pattern != node->key_pattern) continue;
+    last = {node, pattern.size()};
+    return node;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
-  if (db >= TQREDIS_DB_NUM || !tqredis_check_pubsub_reply(reply)) {
+  Channels channels;
+  if (db >= TQREDIS_DB_NUM) {
     TQ_LOG(kLogError, "pmessage invalid\r\n");
     tqredis_print_reply(reply);
     return kBadArgs;
   }
+  if (!PlainPmessage(reply, &channels)) {
+    if (!tqredis_check_pubsub_reply(reply)) {
+      TQ_LOG(kLogError, "pmessage invalid\r\n");
+      tqredis_print_reply(reply);
+      return kBadArgs;
+    }
+    channels = {AfterColon(reply->element[kPatternChannel]),
+                AfterColon(reply->element[kKeyChannel])};
+  }
+  // What tqredis_get_pmsg_by_reply() makes of a reply that passed the check.
   tqredis_pmsg pmsg{};
-  tqredis_get_pmsg_by_reply(reply, &pmsg);
+  // Cut at 127 characters or at an embedded NUL, whichever comes first.
+  const std::string_view key = channels.key;
+  const size_t limit = std::min(key.size(), sizeof(pmsg.key) - 1);
+  size_t len = 0;
+  while (len < limit && key[len] != '\0') ++len;
+  std::memcpy(pmsg.key, key.data(), len);
+  pmsg.cmd = tqredis::detail::KeyCmdFromEvent(Text(reply->element[kEvent]));
+  pmsg.value = reply->element[kValue];
   pmsg.reserved = 0;
   pmsg.db = db;
   // The server echoes the pattern as subscribed: the first node with that
   // exact text is the subscription it came through.
-  const std::string_view pattern = AfterColon(reply->element[kPatternChannel]);
+  const std::string_view pattern = channels.pattern;
   if (!g_tqredis_pubsub_list_inited) return 0;  // nothing registered
-  tqredis_pubsub_node *head = &g_tqredis_pubsub_list[db];
-  tqredis_pubsub_node *node = head->next;
-  while (node != head && pattern != node->key_pattern) node = node->next;
-  if (node == head) return 0;  // no longer ours: dropped silently
+  tqredis_pubsub_node *node = SubscriptionOf(db, pattern);
+  if (node == nullptr) return 0;  // no longer ours: dropped silently
   const int index =
       tqredis_db_in_log(pmsg.key, static_cast<uint32_t>(pmsg.cmd), db, 0);
   tqredis::detail::CallHookTimed({__func__, __LINE__, "subscription", pattern},

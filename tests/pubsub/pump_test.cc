@@ -252,6 +252,48 @@ TEST_F(Pump, ThreeNotificationsInOneReadAreDeliveredInOneCall) {
   EXPECT_EQ(g_tqredis_pubsub_reading, 0u);  // drained to the end
 }
 
+// One escaped notification through `pattern` for key `key`, value "v".
+std::string Through(const std::string &pattern, const std::string &key) {
+  const std::string channel = "__keyspace@0__:" + pattern;
+  const std::string key_channel = "__keyspace@0__:" + key;
+  return "*5\\r\\n$8\\r\\npmessage\\r\\n$" + std::to_string(channel.size()) +
+         "\\r\\n" + channel + "\\r\\n$" + std::to_string(key_channel.size()) +
+         "\\r\\n" + key_channel + "\\r\\n$3\\r\\nset\\r\\n$1\\r\\nv\\r\\n";
+}
+
+char kFirst[] = "first";
+char kSecond[] = "second";
+char kOther[] = "other";
+
+pubsub_mng EntryWith(const char *pattern, char *arg) {
+  pubsub_mng entry = Entry(2, pattern, SubscriptionHook);
+  entry.hook_arg = arg;
+  return entry;
+}
+
+// Each notification goes to the first subscription with its pattern's exact
+// text, whichever came before it: patterns sharing a first letter or a
+// prefix, and two subscriptions of the same text, the first one only.
+TEST_F(Pump, EachNotificationGoesToTheFirstSubscriptionOfItsExactPattern) {
+  Subscribe({EntryWith("k*", kFirst), EntryWith("ka*", kOther),
+             EntryWith("m*", kOther), EntryWith("k*", kSecond),
+             EntryWith("k", kSecond)});
+  const std::vector<std::pair<std::string, std::string>> sent = {
+      {"k*", "k1"}, {"k*", "k2"}, {"ka*", "ka1"}, {"k*", "k3"},
+      {"m*", "m1"}, {"k", "k"},   {"k*", "k4"},   {"x*", "x1"},
+      {"k*", "k5"}, {"", "e"},    {"k**", "k6"},  {"m*", "m2"}};
+  std::string bytes;
+  for (const auto &[pattern, key] : sent) bytes += Through(pattern, key);
+  ASSERT_EQ(emulator_.Ctl({"inject", "redis_host", bytes}).exit_code, 0);
+  PumpUntil(9);
+  std::vector<std::string> got;
+  for (const Seen &seen : g_seen) got.push_back(seen.hook + ":" + seen.key);
+  EXPECT_EQ(got,
+            (std::vector<std::string>{"first:k1", "first:k2", "other:ka1",
+                                      "first:k3", "other:m1", "second:k",
+                                      "first:k4", "first:k5", "other:m2"}));
+}
+
 // Notifications of one escaped piece for the emulator's inject: keys k0..,
 // values whose length varies, so that replies end anywhere in a read.
 std::string Burst(int count, int long_value_at = -1) {
