@@ -61,7 +61,7 @@ int LogStart(const char *func, int line, Direction dir, const char *key,
     tqredis_db_log_index_update(&log);
     if (in) {
       g_tqredis_snap.in = rec;
-      std::memset(&g_tqredis_snap.out, 0, sizeof(g_tqredis_snap.out));
+      tqredis::detail::ClearRecord(&g_tqredis_snap.out);
     } else if (flag & 1) {
       g_tqredis_snap.out = rec;
     }
