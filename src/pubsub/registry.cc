@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -30,20 +31,38 @@ uint8_t g_tqredis_pubsub_list_inited = 0;
 uint8_t g_tqredis_datacheck[TQREDIS_DB_NUM] = {};
 
 namespace {
-// The pair and the mutex that keeps its two words together. Never held
-// while a hook runs, and never taken with another lock inside it.
-PmsgHook g_pmsg_hook = {nullptr, nullptr};
+// The pair, published under a sequence count: odd while a registration
+// writes it. Writers take the mutex, so there is one at a time; a reader
+// (every notification) takes no lock, and reads again when a registration
+// ran meanwhile. Never held while a hook runs, and never taken with another
+// lock inside it.
+std::atomic<uint32_t> g_pmsg_hook_seq{0};
+std::atomic<tqredis_pmsg_hook_f> g_pmsg_hook_f{nullptr};
+std::atomic<void *> g_pmsg_hook_arg{nullptr};
 pthread_mutex_t g_pmsg_hook_mutex = PTHREAD_MUTEX_INITIALIZER;
 }  // namespace
 
 void SetPmsgHook(PmsgHook hook) {
   MutexLock lock(&g_pmsg_hook_mutex);
-  g_pmsg_hook = hook;
+  const uint32_t seq = g_pmsg_hook_seq.load(std::memory_order_relaxed);
+  g_pmsg_hook_seq.store(seq + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  g_pmsg_hook_f.store(hook.hook, std::memory_order_relaxed);
+  g_pmsg_hook_arg.store(hook.arg, std::memory_order_relaxed);
+  g_pmsg_hook_seq.store(seq + 2, std::memory_order_release);
 }
 
 PmsgHook GetPmsgHook() {
-  MutexLock lock(&g_pmsg_hook_mutex);
-  return g_pmsg_hook;
+  for (;;) {
+    const uint32_t before = g_pmsg_hook_seq.load(std::memory_order_acquire);
+    const PmsgHook hook = {g_pmsg_hook_f.load(std::memory_order_relaxed),
+                           g_pmsg_hook_arg.load(std::memory_order_relaxed)};
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if ((before & 1) == 0 &&
+        g_pmsg_hook_seq.load(std::memory_order_relaxed) == before) {
+      return hook;
+    }
+  }
 }
 
 }  // namespace tqredis::detail
