@@ -1,11 +1,13 @@
 // The subscription registry without servers: what the host's table and data
 // check turn into, what is refused and logged, the statistics listing, the
 // process-wide hook, and tqredis_init handing its arguments over.
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -455,6 +457,48 @@ TEST(Registry, ProcessWideHookIsReplacedWithItsArgument) {
   ASSERT_EQ(g_hook_calls.size(), 1u);
   EXPECT_EQ(g_hook_calls[0].which, 'B');
   EXPECT_EQ(g_hook_calls[0].arg, &arg_b);
+}
+
+namespace {
+
+// Each hook knows the argument it was registered with.
+int g_arg_of_first = 1;
+int g_arg_of_second = 2;
+std::atomic<int> g_torn{0};
+std::atomic<int> g_called{0};
+int FirstOfPair(tqredis_pmsg *, void *arg) {
+  if (arg != &g_arg_of_first) ++g_torn;
+  ++g_called;
+  return 0;
+}
+int SecondOfPair(tqredis_pmsg *, void *arg) {
+  if (arg != &g_arg_of_second) ++g_torn;
+  ++g_called;
+  return 0;
+}
+
+}  // namespace
+
+// Another thread registering the process-wide hook over and over while
+// notifications call it: every call gets the argument of its own hook.
+TEST(Registry, ProcessWideHookIsAlwaysCalledWithItsOwnArgument) {
+  ASSERT_EQ(tqredis_pmsg_hook_register(FirstOfPair, &g_arg_of_first), 0);
+  std::atomic<bool> stop{false};
+  std::thread registrar([&] {
+    for (int i = 0; !stop; ++i) {
+      if (i % 2) {
+        tqredis_pmsg_hook_register(FirstOfPair, &g_arg_of_first);
+      } else {
+        tqredis_pmsg_hook_register(SecondOfPair, &g_arg_of_second);
+      }
+    }
+  });
+  tqredis_pmsg pmsg{};
+  for (int i = 0; i < 200000; ++i) tqredis_call_pmsg_hook(&pmsg);
+  stop = true;
+  registrar.join();
+  EXPECT_EQ(g_called, 200000);
+  EXPECT_EQ(g_torn, 0);
 }
 
 TEST(Registry, InitRegistersTheTableAndTheDataCheckAndReturns0) {
