@@ -424,6 +424,14 @@ bool PlainPmessage(const redisReply *reply, Channels *out) {
   return true;
 }
 
+// Zeroes `*pmsg` with vector stores (see ClearRecord() in records.h).
+void ClearPmsg(tqredis_pmsg *pmsg) {
+  static const tqredis_pmsg kEmpty = {};
+  const tqredis_pmsg *empty = &kEmpty;
+  asm("" : "+r"(empty));
+  *pmsg = *empty;
+}
+
 // The subscription each database's notifications came through last, with
 // the length of its pattern. Nodes are never removed and their patterns
 // never change, so the pointer stays valid; and since nodes are only
@@ -473,14 +481,14 @@ int tqredis_db_deal_pmsg(uint32_t db, redisReply *reply) {
     channels = {AfterColon(reply->element[kPatternChannel]),
                 AfterColon(reply->element[kKeyChannel])};
   }
-  // What tqredis_get_pmsg_by_reply() makes of a reply that passed the check.
-  tqredis_pmsg pmsg{};
+  // What tqredis_get_pmsg_by_reply() makes of a reply that passed the check,
+  // in a record zeroed whole, as the hooks have always been handed it.
+  tqredis_pmsg pmsg;
+  ClearPmsg(&pmsg);
   // Cut at 127 characters or at an embedded NUL, whichever comes first.
   const std::string_view key = channels.key;
   const size_t limit = std::min(key.size(), sizeof(pmsg.key) - 1);
-  size_t len = 0;
-  while (len < limit && key[len] != '\0') ++len;
-  std::memcpy(pmsg.key, key.data(), len);
+  for (size_t i = 0; i < limit && key[i] != '\0'; ++i) pmsg.key[i] = key[i];
   pmsg.cmd = tqredis::detail::KeyCmdFromEvent(Text(reply->element[kEvent]));
   pmsg.value = reply->element[kValue];
   pmsg.reserved = 0;

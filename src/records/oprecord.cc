@@ -101,10 +101,16 @@ void CopyField(char (&field)[N], const char *text) {
   for (size_t i = 0; i < N - 1 && text[i] != '\0'; ++i) field[i] = text[i];
 }
 
+// Every unrecorded space begins with the same letter.
+constexpr char kUnrecordedFirst = 'a';
+static_assert(kUnrecordedKeys[0][0] == kUnrecordedFirst &&
+              kUnrecordedKeys[1][0] == kUnrecordedFirst);
+
 // True when `key` holds one of kUnrecordedKeys anywhere. One pass over the
-// key, each space tried only where its first letter is.
+// key; the spaces are tried only where their first letter is.
 bool Unrecorded(const char *key) {
   for (const char *p = key; *p != '\0'; ++p) {
+    if (*p != kUnrecordedFirst) continue;
     for (const char *space : kUnrecordedKeys) {
       size_t i = 0;
       while (space[i] != '\0' && p[i] == space[i]) ++i;
