@@ -99,23 +99,30 @@ uint32_t g_unconfirmed[TQREDIS_OP_PUBSUB][TQREDIS_DB_NUM] = {};
 
 void AttachCarried(uint32_t op, uint32_t db, struct ReplyLedger &ledger);
 
-// The ledger of slot [op][db], reset when the slot holds another connection
-// than the one counted, as after a drop and a reconnection; a new connection
-// takes the writes carried from the lost one first. REQUIRES: op is read or
-// write, the global lock.
-ReplyLedger &LedgerOf(uint32_t op, uint32_t db) {
+// Starts the ledger of slot [op][db] over for the connection the slot holds
+// now; a new connection takes the writes carried from the lost one first.
+// Out of line: it runs once per connection.
+__attribute__((noinline)) ReplyLedger &ResetLedger(uint32_t op, uint32_t db) {
   const tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
   ReplyLedger &ledger = g_ledger[op][db];
-  if (ledger.context != slot.context ||
-      ledger.connect_num != slot.connect_num) {
-    ledger.context = slot.context;
-    ledger.connect_num = slot.connect_num;
-    ledger.sent = 0;
-    ledger.read = 0;
-    if (slot.context != nullptr && g_carried[op][db].bytes != nullptr)
-      AttachCarried(op, db, ledger);
-  }
+  ledger.context = slot.context;
+  ledger.connect_num = slot.connect_num;
+  ledger.sent = 0;
+  ledger.read = 0;
+  if (slot.context != nullptr && g_carried[op][db].bytes != nullptr)
+    AttachCarried(op, db, ledger);
   return ledger;
+}
+
+// The ledger of slot [op][db], reset when the slot holds another connection
+// than the one counted, as after a drop and a reconnection. Every command
+// asks. REQUIRES: op is read or write, the global lock.
+inline ReplyLedger &LedgerOf(uint32_t op, uint32_t db) {
+  const tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
+  ReplyLedger &ledger = g_ledger[op][db];
+  if (ledger.context == slot.context && ledger.connect_num == slot.connect_num)
+    return ledger;
+  return ResetLedger(op, db);
 }
 
 uint32_t Unread(const ReplyLedger &ledger) { return ledger.sent - ledger.read; }
@@ -138,13 +145,16 @@ long ReadHeader(const char *&p, const char *end, char lead) {
   return n;
 }
 
-RequestWords WordsAt(const redisContext *ctx, size_t at) {
+// With `with_key` false only the word is read (the key stays empty): the
+// name kept for a reply needs no more.
+RequestWords WordsAt(const redisContext *ctx, size_t at, bool with_key = true) {
   RequestWords words;
   const char *p = ctx->obuf + at;
   const char *end = ctx->obuf + sdslen(ctx->obuf);
   const long argc = ReadHeader(p, end, '*');
   std::string_view *fields[] = {&words.word, &words.key};
-  for (long i = 0; i < argc && i < 2; ++i) {
+  const long wanted = with_key ? 2 : 1;
+  for (long i = 0; i < argc && i < wanted; ++i) {
     const long len = ReadHeader(p, end, '$');
     if (len < 0 || len > end - p) break;
     *fields[i] = std::string_view(p, static_cast<size_t>(len));
@@ -298,6 +308,22 @@ void Owe(ReplyLedger &ledger, bool named, std::string_view word) {
   entry.name[n] = '\0';
 }
 
+// tqredis_commit_command() on a slot known to be connected, as every slot a
+// command runs on is: the flush when due, then, with replies on, the read of
+// what has arrived.
+int CommitConnected(uint32_t db, uint32_t op, uint32_t flag) {
+  tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
+  // With a threshold of 0 every call writes, even with nothing pending.
+  const bool due = ((flag & TQREDIS_CMD_COMMIT) && slot.append_cmd_num != 0) ||
+                   slot.append_cmd_num >= tqredis::detail::CommitThreshold();
+  if (!due) return 0;
+  if (Flush(slot.context) != 0) return -1;
+  slot.append_cmd_num = 0;
+  if (RepliesOn() && op < TQREDIS_OP_PUBSUB)
+    return ReadArrived(op, db, LedgerOf(op, db));
+  return 0;
+}
+
 // What one command does beyond sending, decided once per call.
 struct Extras {
   bool replies;     // read the replies of pipelined writes
@@ -344,7 +370,8 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
       return -1;
     }
     extras.read_len = sdslen(ctx->obuf) - at;
-    const RequestWords words = words_needed ? WordsAt(ctx, at) : RequestWords{};
+    const RequestWords words =
+        words_needed ? WordsAt(ctx, at, extras.record) : RequestWords{};
     if (ledger != nullptr) Owe(*ledger, extras.replies, words.word);
     const int token = RecordStart(db, words, extras);
     // Reconnecting in place, the requests go out first in whole ones, so
@@ -381,10 +408,11 @@ int Exec(uint32_t db, uint32_t op, uint32_t dbop, uint32_t flag,
     return -1;
   }
   ++slot.append_cmd_num;
-  const RequestWords words = words_needed ? WordsAt(ctx, at) : RequestWords{};
+  const RequestWords words =
+      words_needed ? WordsAt(ctx, at, extras.record) : RequestWords{};
   if (ledger != nullptr) Owe(*ledger, extras.replies, words.word);
   RecordStart(db, words, extras);  // a write is not timed
-  int rc = tqredis_commit_command(db, dbop, flag);
+  int rc = CommitConnected(db, dbop, flag);
   // Past the bound, wait for what is owed rather than let it pile up.
   if (rc == 0 && extras.replies && ledger != nullptr &&
       Unread(*ledger) > kMaxUnread) {
@@ -414,7 +442,7 @@ void AttachCarried(uint32_t op, uint32_t db, ReplyLedger &ledger) {
   const bool named = RepliesOn();
   size_t at = 0;
   while (at < carried_len) {
-    Owe(ledger, named, WordsAt(ctx, at).word);
+    Owe(ledger, named, WordsAt(ctx, at, false).word);
     at += RequestLength(ctx->obuf + at, ctx->obuf + carried_len);
   }
   slot.append_cmd_num += carried.count;
@@ -519,16 +547,7 @@ uint32_t UnconfirmedWrites(uint32_t op, uint32_t db) {
 // REQUIRES: the global lock is held.
 int tqredis_commit_command(uint32_t db, uint32_t op, uint32_t flag) {
   if (!tqredis_db_is_connected(db, op)) return 0;
-  tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
-  // With a threshold of 0 every call writes, even with nothing pending.
-  const bool due = ((flag & TQREDIS_CMD_COMMIT) && slot.append_cmd_num != 0) ||
-                   slot.append_cmd_num >= tqredis::detail::CommitThreshold();
-  if (!due) return 0;
-  if (Flush(slot.context) != 0) return -1;
-  slot.append_cmd_num = 0;
-  if (RepliesOn() && op < TQREDIS_OP_PUBSUB)
-    return ReadArrived(op, db, LedgerOf(op, db));
-  return 0;
+  return CommitConnected(db, op, flag);
 }
 
 void tqredis_commit_command_all(void) {
@@ -586,7 +605,11 @@ redisReply *tqredis_db_command(int db, int op, int ignored, uint32_t flag,
   (void)ignored;  // kept in the signature: callers pass -1
   const auto udb = static_cast<uint32_t>(db);
   const auto uop = static_cast<uint32_t>(op);
-  if (!tqredis_db_command_param_check(udb, uop, format)) return nullptr;
+  // Checked here first, so that a valid call makes no call to say so.
+  if ((udb >= TQREDIS_DB_NUM || uop >= TQREDIS_OP_NUM || format == nullptr) &&
+      !tqredis_db_command_param_check(udb, uop, format)) {
+    return nullptr;
+  }
   redisReply *result = nullptr;
   va_list ap;
   va_start(ap, format);
