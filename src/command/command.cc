@@ -23,6 +23,7 @@ extern "C" {
 #include <string_view>
 
 #include "connect/connect.h"
+#include "connect/reader.h"
 #include "connect/table.h"
 #include "core/config.h"
 #include "core/lock.h"
@@ -245,6 +246,19 @@ int Flush(redisContext *ctx) {
   return 0;
 }
 
+// Spare reply blocks of each read and write connection, for the replies of
+// pipelined writes that the library reads and drops itself (replies=1): the
+// reader builds from them once replies are read, and a reply settled goes
+// back. Replies handed to the host are ordinary heap blocks it frees as
+// ever. Guarded by the global lock.
+tqredis::detail::ReplyPool g_reply_pools[TQREDIS_OP_PUBSUB][TQREDIS_DB_NUM];
+
+// Makes slot [op][db]'s reader build from its pool, if it does not yet and
+// no reply is half read.
+void PoolReplies(uint32_t op, uint32_t db, redisContext *ctx) {
+  tqredis::detail::PoolReader(ctx->reader, &g_reply_pools[op][db]);
+}
+
 // Takes one reply owed by [op][db], the oldest: an error is logged with the
 // name of the write it answers and counted.
 void SettleReply(uint32_t op, uint32_t db, ReplyLedger &ledger,
@@ -258,7 +272,15 @@ void SettleReply(uint32_t op, uint32_t db, ReplyLedger &ledger,
            known ? sent.name : "(unknown)",
            reply->str != nullptr ? reply->str : "");
   }
-  freeReplyObject(reply);
+  // Just returned by the slot's reader: built from the pool when the reader
+  // builds from it now.
+  const redisContext *ctx = g_tqredis_connect_mng[op][db].context;
+  if (reply != nullptr && ctx != nullptr &&
+      tqredis::detail::BuildsFrom(ctx->reader, &g_reply_pools[op][db])) {
+    tqredis::detail::RecycleReply(&g_reply_pools[op][db], reply);
+  } else {
+    freeReplyObject(reply);
+  }
 }
 
 // Reads every reply owed by [op][db], waiting for them; this writes out
@@ -267,6 +289,7 @@ int ReadAllOwed(uint32_t op, uint32_t db, ReplyLedger &ledger) {
   tqredis_conn_slot &slot = g_tqredis_connect_mng[op][db];
   if (Unread(ledger) == 0) return 0;
   if (Flush(slot.context) != 0) return -1;
+  PoolReplies(op, db, slot.context);
   while (Unread(ledger) != 0) {
     void *reply = nullptr;
     if (redisGetReply(slot.context, &reply) != REDIS_OK) return -1;
@@ -281,6 +304,7 @@ int ReadAllOwed(uint32_t op, uint32_t db, ReplyLedger &ledger) {
 // waiting. -1 when the connection failed or the server closed it.
 int ReadArrived(uint32_t op, uint32_t db, ReplyLedger &ledger) {
   redisContext *ctx = g_tqredis_connect_mng[op][db].context;
+  if (Unread(ledger) != 0) PoolReplies(op, db, ctx);
   while (Unread(ledger) != 0) {
     void *reply = nullptr;
     if (redisGetReplyFromReader(ctx, &reply) != REDIS_OK) return -1;
