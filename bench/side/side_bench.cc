@@ -13,7 +13,11 @@
 //
 // Output, one line per figure:
 //   row <name> <unit> <bare median> <bare spread %> <tq median> <tq spread %>
+//       <ratio median> <ratio spread %>
 //   allocs <test> <bare per op> <tq per op>
+// A spread is half the range of the rounds, in percent of their median. The
+// ratio is tqredis over bare hiredis, taken round by round (the two sides of
+// one round ran back to back, under the same load) and then its median.
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -73,6 +77,7 @@ constexpr const char *kTqChannelPattern = "__keyspace@0__:bench:*";
 constexpr const char *kBarePattern = "__keyspace@0__:bare:*";
 constexpr const char *kScanPattern = "bench:scan:*";
 constexpr int kScanCount = 100;
+constexpr long kScanKeys = 5000;
 
 enum class Side { kBare, kTq };
 
@@ -355,9 +360,9 @@ void TqScan() {
     Fail("scan replay");
 }
 
-// n keys, replayed n / keys times over.
-void ScanLoop(Side side, long rounds) {
-  for (long r = 0; r < rounds; ++r) {
+// Every key, `passes` times over.
+void ScanLoop(Side side, long passes) {
+  for (long r = 0; r < passes; ++r) {
     if (side == Side::kBare) {
       BareScan();
     } else {
@@ -396,9 +401,12 @@ void Report(const std::vector<Figure> &figures,
     for (int s = 0; s < 2; ++s)
       for (const Sample &sample : samples[s])
         side[s].push_back(f.value(sample, n));
-    std::printf("row %s %s %.6g %.2f %.6g %.2f\n", f.name, f.unit,
+    std::vector<double> ratio;
+    for (size_t r = 0; r < side[0].size() && r < side[1].size(); ++r)
+      ratio.push_back(side[0][r] > 0 ? side[1][r] / side[0][r] : 0);
+    std::printf("row %s %s %.6g %.2f %.6g %.2f %.6g %.2f\n", f.name, f.unit,
                 Median(side[0]), Spread(side[0]), Median(side[1]),
-                Spread(side[1]));
+                Spread(side[1]), Median(ratio), Spread(ratio));
   }
   // Allocations per operation, the lowest round of each side: steady state.
   double allocs[2];
@@ -426,7 +434,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   const std::string test = argv[1];
-  int rounds = 7;
+  int rounds = 11;
   long n = 0;
   std::string only = "both";
   for (int i = 2; i + 1 < argc; i += 2) {
@@ -454,23 +462,23 @@ int main(int argc, char **argv) {
   std::function<void(Side, long)> after;
   std::vector<Figure> figures;
   if (test == "get") {
-    if (n == 0) n = 20000;
+    if (n == 0) n = 40000;
     Expect(static_cast<redisReply *>(
         redisCommand(g.bare, "SET bench:get %s", "0123456789abcdef")));
     loop = GetLoop;
     figures = {{"read", "GET/s", PerSecond}};
   } else if (test == "set") {
-    if (n == 0) n = 200000;
+    if (n == 0) n = 400000;
     loop = SetLoop;
     after = [](Side side, long count) { Confirm(SetContext(side), count); };
     figures = {{"write", "SET/s", PerSecond}};
   } else if (test == "setreplies") {
-    if (n == 0) n = 200000;
+    if (n == 0) n = 400000;
     if (tqredis_set_option("replies", 1) != 0) Fail("replies=1");
     loop = SetRepliesLoop;
     figures = {{"write_replies", "SET/s", PerSecond}};
   } else if (test == "notify") {
-    if (n == 0) n = 1000000;
+    if (n == 0) n = 2000000;
     tqredis_db_psubscrible();
     g.bare_sub = Connect(kFeederSocket);
     Expect(static_cast<redisReply *>(
@@ -480,16 +488,18 @@ int main(int argc, char **argv) {
     figures = {{"notify_cpu", "ns-cpu/notification", CpuNsPerOp},
                {"notify_rate", "notifications/s", PerSecond}};
   } else if (test == "scan") {
-    if (n == 0) n = 5000;
-    for (long i = 0; i < n; ++i) {
+    // Keys replayed per round: the walk over all of them, done again.
+    if (n == 0) n = 4 * kScanKeys;
+    if (n % kScanKeys != 0) Fail("scan: --n is a multiple of the keys");
+    for (long i = 0; i < kScanKeys; ++i) {
       redisAppendCommand(g.bare, "SET bench:scan:%ld %ld", i, i);
     }
-    for (long i = 0; i < n; ++i) {
+    for (long i = 0; i < kScanKeys; ++i) {
       void *reply = nullptr;
       if (redisGetReply(g.bare, &reply) != REDIS_OK) Fail("fill");
       freeReplyObject(reply);
     }
-    loop = [](Side side, long) { ScanLoop(side, 1); };
+    loop = [](Side side, long count) { ScanLoop(side, count / kScanKeys); };
     figures = {{"scan", "keys/s", PerSecond}};
   } else {
     Fail("unknown test");
@@ -500,7 +510,7 @@ int main(int argc, char **argv) {
   for (Side side : {Side::kBare, Side::kTq}) {
     if (only != "both" && only != (side == Side::kBare ? "bare" : "tq"))
       continue;
-    const long warm = test == "scan" ? n : std::max(1000L, n / 20);
+    const long warm = test == "scan" ? kScanKeys : std::max(1000L, n / 20);
     loop(side, warm);
     if (after) after(side, warm);
   }
