@@ -95,10 +95,9 @@ const char *KeyCmdName(int keycmd) {
 }
 
 // Copies at most N-1 characters into a zeroed field: its last byte stays 0.
-// A byte loop: the texts are short, shorter than a call costs.
 template <size_t N>
 void CopyField(char (&field)[N], const char *text) {
-  for (size_t i = 0; i < N - 1 && text[i] != '\0'; ++i) field[i] = text[i];
+  std::memcpy(field, text, strnlen(text, N - 1));
 }
 
 // Every unrecorded space begins with the same letter.
