@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "command/command.h"
@@ -29,7 +30,9 @@ namespace {
 // Copies at most 127 characters of `text` into a record's key, always
 // NUL-terminated.
 void CopyKey(char (&dst)[128], const char *text) {
-  std::snprintf(dst, sizeof dst, "%s", text);
+  const size_t n = strnlen(text, sizeof dst - 1);
+  std::memcpy(dst, text, n);
+  dst[n] = '\0';
 }
 
 // The key command a replay kind reports, -1 for a kind that reads nothing.
