@@ -27,6 +27,7 @@
 #include "tqredis.h"
 
 using tqredis::detail::DbName;
+using tqredis::detail::g_applied;
 using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
 using tqredis::detail::kLogLife;
@@ -58,16 +59,6 @@ redisReply *Command(redisContext *ctx, const char *format, ...) {
   return static_cast<redisReply *>(reply);
 }
 
-// The socket time-out each slot's context was given, so that a command pays
-// one compare, not a system call, when the limit has not changed. A context
-// not recorded here has none (hiredis sets none on a blocking socket).
-// Guarded by the global lock, like the table.
-struct AppliedTimeout {
-  const redisContext *context;
-  long ms;
-};
-AppliedTimeout g_applied[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};
-
 // Both directions of the socket; 0 takes the time-out away.
 void SetSocketTimeout(redisContext *ctx, long ms) {
   const struct timeval tv = {static_cast<time_t>(ms / 1000),
@@ -86,7 +77,7 @@ bool TimedOut(const redisContext *ctx) {
 
 namespace tqredis::detail {
 
-long WaitLimitMs() { return OptionValue(kOpt_waitlimit); }
+AppliedTimeout g_applied[TQREDIS_OP_NUM][TQREDIS_DB_NUM] = {};
 
 void SleepUntilAtMost(int64_t deadline) {
   const int64_t left_ns = deadline - MonotonicNsec();
@@ -108,10 +99,6 @@ void SetSlotTimeout(uint32_t db, uint32_t op, long ms) {
   if (have == ms) return;
   SetSocketTimeout(ctx, ms);
   applied = {ctx, ms};
-}
-
-void ApplyWaitLimit(uint32_t db, uint32_t op) {
-  SetSlotTimeout(db, op, op == TQREDIS_OP_PUBSUB ? 0 : WaitLimitMs());
 }
 
 bool DropTimedOut(uint32_t db, uint32_t op, const char *what) {

@@ -12,29 +12,49 @@
 
 #include <cstdint>
 
+#include "connect/cardinfo.h"
+#include "connect/table.h"
+#include "core/options.h"
 #include "tqredis.h"
 
 namespace tqredis::detail {
 
 // The waitlimit in force, in milliseconds; 0 when waits never give up.
-long WaitLimitMs();
+inline long WaitLimitMs() { return OptionValue(kOpt_waitlimit); }
 
 // Sleeps one second, or only until `deadline` (from DeadlineAfterMs()) when
 // that comes first. Takes and releases no lock.
 void SleepUntilAtMost(int64_t deadline);
+
+// Gives slot [op][db]'s socket a read and write time-out of `ms` (0: none),
+// unless it already has it, and remembers it, so that a time-out met later
+// is told from a lost connection (DropTimedOut). REQUIRES: the global lock.
+void SetSlotTimeout(uint32_t db, uint32_t op, long ms);
+
+// The socket time-out each slot's context was given, so that a command pays
+// one compare, not a system call, when the limit has not changed. A context
+// not recorded here has none (hiredis sets none on a blocking socket).
+// Guarded by the global lock, like the table.
+struct AppliedTimeout {
+  const redisContext *context;
+  long ms;
+};
+extern AppliedTimeout g_applied[TQREDIS_OP_NUM][TQREDIS_DB_NUM];
 
 // Gives slot [op][db]'s socket the read and write time-out of the waitlimit
 // in force (none when 0), unless it already has it. Read, write and the
 // handshake of every slot only: a pubsub context, once connected, never
 // has one, because the pump reads it only after select() says so and a
 // time-out in the middle of a long notification would look like a loss.
-// REQUIRES: the global lock is held.
-void ApplyWaitLimit(uint32_t db, uint32_t op);
-
-// Gives slot [op][db]'s socket a read and write time-out of `ms` (0: none),
-// unless it already has it, and remembers it, so that a time-out met later
-// is told from a lost connection (DropTimedOut). REQUIRES: the global lock.
-void SetSlotTimeout(uint32_t db, uint32_t op, long ms);
+// Inline: every command asks, and the answer is nearly always "it has".
+// REQUIRES: the global lock is held, valid ids.
+inline void ApplyWaitLimit(uint32_t db, uint32_t op) {
+  const long ms = op == TQREDIS_OP_PUBSUB ? 0 : WaitLimitMs();
+  const AppliedTimeout &applied = g_applied[op][db];
+  const long have =
+      applied.context == g_tqredis_connect_mng[op][db].context ? applied.ms : 0;
+  if (have != ms) SetSlotTimeout(db, op, ms);
+}
 
 // When slot [op][db]'s last read or write on the socket timed out under
 // the waitlimit, frees its context without the fatal path (a server that
@@ -44,11 +64,26 @@ void SetSlotTimeout(uint32_t db, uint32_t op, long ms);
 // REQUIRES: the global lock is held.
 bool DropTimedOut(uint32_t db, uint32_t op, const char *what);
 
+// Whether a command on `db` may go on at once: tqredis_init() ran and the
+// card information tells how `db` is written (always for redis_host).
+inline bool CardinfoReady(uint32_t db) {
+  return g_tqredis_init_ok &&
+         (db == TQREDIS_DB_HOST ||
+          (g_tqredis_cardinfo.my_node != kUnknownNode &&
+           g_tqredis_cardinfo.master_node != kUnknownNode));
+}
+
 // The card-information wait of a command on `db`: with no waitlimit, loops
 // on tqredis_wait_cardinfo_ready() until it succeeds (true). With one, gives
 // up after the limit, or at once with TQREDIS_CMD_NO_RECONNECT in `flag`,
 // after a level-8 line (false). REQUIRES: the global lock is held.
 bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag);
+
+// WaitCardinfo(), without a call when CardinfoReady() says yes already, as
+// it does for nearly every command.
+inline bool WaitForCardinfo(uint32_t db, uint32_t op, uint32_t flag) {
+  return CardinfoReady(db) || WaitCardinfo(db, op, flag);
+}
 
 // With the reconnect switch on, a lost live connection is dropped without
 // the fatal path and connected again on its next use: the slot is "lost"
@@ -57,7 +92,7 @@ bool WaitCardinfo(uint32_t db, uint32_t op, uint32_t flag);
 // the slot, a restore later by DeliverConnEvents(), because the connect may
 // run in the reconnection thread, which must not call host code while its
 // starter holds the lock.
-bool ReconnectOn();
+inline bool ReconnectOn() { return OptionValue(kOpt_reconnect) != 0; }
 
 // Frees slot [op][db]'s context without the fatal path, marks the slot lost
 // and tells the hook (up 0). Nothing when the slot has no context.

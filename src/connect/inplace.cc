@@ -52,8 +52,6 @@ void Tell(uint32_t db, uint32_t op, int up) {
 
 namespace tqredis::detail {
 
-bool ReconnectOn() { return OptionValue(kOpt_reconnect) != 0; }
-
 void MarkLost(uint32_t db, uint32_t op) {
   g_life[op][db].lost = true;
   if (op == TQREDIS_OP_PUBSUB)

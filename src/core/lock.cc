@@ -16,21 +16,13 @@ std::atomic<uint8_t> g_tqredis_lock_enable{0};
 pthread_mutex_t g_tqredis_mutex = PTHREAD_MUTEX_INITIALIZER;
 }  // namespace tqredis::detail
 
-using tqredis::detail::g_tqredis_lock_enable;
 using tqredis::detail::g_tqredis_mutex;
 
-namespace {
-// Levels of the mutex this thread holds through tqredis_lock(). Read four
-// times per locked call: the initial-exec model makes each read one load
-// instead of a call into the dynamic loader. The library is linked by its
-// hosts, so its thread-local block is placed at start-up.
-__attribute__((tls_model("initial-exec"))) thread_local unsigned t_lock_depth =
-    0;
-}  // namespace
-
 namespace tqredis::detail {
-unsigned LockDepth() { return t_lock_depth; }
+__attribute__((tls_model("initial-exec"))) __thread unsigned t_lock_depth = 0;
 }  // namespace tqredis::detail
+
+using tqredis::detail::t_lock_depth;
 
 void tqredis_lock_init(void) {
   pthread_mutexattr_t attr;
@@ -50,18 +42,13 @@ void tqredis_lock_init(void) {
 
 // The mutex results are deliberately not looked at: a recursive mutex made at
 // load cannot fail to lock or unlock for its owner.
-void tqredis_lock(void) {
-  if (g_tqredis_lock_enable.load(std::memory_order_relaxed) == 0) return;
-  pthread_mutex_lock(&g_tqredis_mutex);
-  ++t_lock_depth;
-}
+void tqredis_lock(void) { tqredis::detail::LockGlobal(); }
 
 // Releases one level this thread took; a thread that holds nothing (the lock
 // was off when it came in) has nothing to release.
 void tqredis_unlock(void) {
   if (t_lock_depth == 0) return;
-  --t_lock_depth;
-  pthread_mutex_unlock(&g_tqredis_mutex);
+  tqredis::detail::UnlockGlobal();
 }
 
 int select_sleep(int sec, int usec) {

@@ -19,17 +19,37 @@ extern pthread_mutex_t g_tqredis_mutex;
 
 // Levels of the global lock the calling thread holds. The lock can be
 // switched on while a thread is inside the library; counting what each
-// thread really took keeps every unlock matched to a lock of its own.
-unsigned LockDepth();
+// thread really took keeps every unlock matched to a lock of its own. Read
+// several times per locked call: __thread (no C++ initialisation wrapper)
+// and the initial-exec model make each read one load instead of a call into
+// the dynamic loader. The library is linked by its hosts, so its
+// thread-local block is placed at start-up.
+extern
+    __attribute__((tls_model("initial-exec"))) __thread unsigned t_lock_depth;
+
+inline unsigned LockDepth() { return t_lock_depth; }
+
+// tqredis_lock() and tqredis_unlock() for the library's own use, without a
+// call through the exported names. UnlockGlobal() REQUIRES a level this
+// thread took.
+inline void LockGlobal() {
+  if (g_tqredis_lock_enable.load(std::memory_order_relaxed) == 0) return;
+  pthread_mutex_lock(&g_tqredis_mutex);
+  ++t_lock_depth;
+}
+inline void UnlockGlobal() {
+  --t_lock_depth;
+  pthread_mutex_unlock(&g_tqredis_mutex);
+}
 
 // Holds the global lock for one scope once tqredis_init() has enabled it;
 // does nothing before. Decided at entry, so the destructor releases exactly
 // what the constructor took. Recursive: locked paths may call each other.
 class ScopedLock {
  public:
-  ScopedLock() : depth_(LockDepth()) { tqredis_lock(); }
+  ScopedLock() : depth_(LockDepth()) { LockGlobal(); }
   ~ScopedLock() {
-    if (LockDepth() > depth_) tqredis_unlock();
+    if (LockDepth() > depth_) UnlockGlobal();
   }
   ScopedLock(const ScopedLock &) = delete;
   ScopedLock &operator=(const ScopedLock &) = delete;
