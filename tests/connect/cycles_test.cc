@@ -97,10 +97,18 @@ class Cycles : public tqtest::InPlace {
     const int fds_after = OpenDescriptors();
     EXPECT_EQ(fds_after, fds_before);
     if (tqtest::HeapCounted()) {
+      // A leak shows in the count of live blocks. Their bytes may move a
+      // little without one: a buffer that lives on (a reader's, a pool's)
+      // keeps whatever capacity its last burst gave it, and the allocator
+      // rounds sizes differently on each ABI (16 bytes apart on 32-bit
+      // MIPS). Growth with every cycle would still show far beyond this.
+      constexpr long long kCapacitySlack = 1024;
+      const long long moved = heap_after.bytes - heap_before.bytes;
       EXPECT_EQ(heap_after.blocks, heap_before.blocks);
-      EXPECT_EQ(heap_after.bytes, heap_before.bytes);
+      EXPECT_LE(moved < 0 ? -moved : moved, kCapacitySlack)
+          << "before " << heap_before.bytes << " after " << heap_after.bytes;
       if (heap_after.blocks != heap_before.blocks ||
-          heap_after.bytes != heap_before.bytes)
+          (moved < 0 ? -moved : moved) > kCapacitySlack)
         tqtest::FlagToMemoryChecker("the live heap changed across the cycles");
     }
     EXPECT_FALSE(events_.Broken()) << tqtest::ToString(events_.All());
