@@ -102,6 +102,17 @@ fail() {
 alive() { [ -n "$host_pid" ] && kill -0 "$host_pid" 2>/dev/null; }
 
 ctl() { "$devdb" ctl --dir "$dir" "$@"; }
+# Waits for the host to make FILE, at most TENTHS tenths of a second, while
+# it lives; WHAT names the state FILE tells of.
+wait_for() {
+  tries=0
+  until [ -f "$1" ]; do
+    alive || fail "the host ended before it was $3 (see host.log)"
+    tries=$((tries + 1))
+    [ "$tries" -lt "$2" ] || fail "the host was not $3 within $(($2 / 10)) s"
+    sleep 0.1
+  done
+}
 
 "$devdb" start --dir "$dir" --log "$work/devdb.log" ||
   fail "the emulator did not start"
@@ -110,13 +121,7 @@ ctl() { "$devdb" ctl --dir "$dir" "$@"; }
 TQREDIS_SOCKET_DIR="$dir" "$host" --ready "$work/ready" --dump "$work/dump" \
   >"$work/host.log" 2>&1 &
 host_pid=$!
-tries=0
-until [ -f "$work/ready" ]; do
-  alive || fail "the host ended before it was ready (see host.log)"
-  tries=$((tries + 1))
-  [ "$tries" -lt 300 ] || fail "the host was not ready within 30 s"
-  sleep 0.1
-done
+wait_for "$work/ready" 300 "ready"
 
 # The schedule: database, kind, gap in ms, one line per attempt. A close
 # finds nothing when that connection is already lost and not yet used
@@ -160,13 +165,7 @@ echo "soak: $done_closes closes in $attempts attempts ($refusals with" \
 
 alive || fail "the host ended after the closes (see host.log)"
 kill -USR1 "$host_pid"
-tries=0
-until [ -f "$work/dump" ]; do
-  alive || fail "the host ended while settling (see host.log)"
-  tries=$((tries + 1))
-  [ "$tries" -lt 1200 ] || fail "the host did not settle within 120 s"
-  sleep 0.1
-done
+wait_for "$work/dump" 1200 "settled"
 
 figure() { awk -v name="$1" '$1 == "figure" && $2 == name { print $3 }' "$work/dump"; }
 echo "soak: the host saw $(figure losses) losses, $(figure restores) restores" \

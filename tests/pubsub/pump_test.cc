@@ -334,17 +334,23 @@ TEST_F(Pump, BurstOfManyReadsIsDeliveredWholeAndInOrder) {
   EXPECT_EQ(g_tqredis_in_log.total, static_cast<uint32_t>(kCount));
 }
 
-TEST_F(Pump, ServerClosingThePubsubConnectionIsItsError) {
-  Subscribe({Entry(2, "k*", SubscriptionHook)});
-  ASSERT_EQ(emulator_.Ctl({"close", "redis_host"}).exit_code, 0);
+// Pumps in a child until the lost pubsub connection ends it through the
+// fatal path (status 0; 3 if it never does) and returns the copy of the
+// limited log it left.
+std::string PumpUntilTheLossEndsIt() {
   EXPECT_EXIT(
       {
         for (int i = 0; i < 100; ++i) tqredis_pubsub();
         std::exit(3);
       },
       ::testing::ExitedWithCode(0), "");
-  const std::string copy =
-      tqtest::ReadFile("/var/tmp/coredump/pump_test.limitlog");
+  return tqtest::ReadFile("/var/tmp/coredump/pump_test.limitlog");
+}
+
+TEST_F(Pump, ServerClosingThePubsubConnectionIsItsError) {
+  Subscribe({Entry(2, "k*", SubscriptionHook)});
+  ASSERT_EQ(emulator_.Ctl({"close", "redis_host"}).exit_code, 0);
+  const std::string copy = PumpUntilTheLossEndsIt();
   EXPECT_NE(copy.find(">:>>>>redis_host[pubsub] disconnect[error=3 Server "
                       "closed the connection]\r\n"),
             std::string::npos)
@@ -358,14 +364,7 @@ TEST_F(Pump, ProtocolErrorAfterGoodNotificationsIsTheConnectionsError) {
   ASSERT_EQ(emulator_.Ctl({"inject", "redis_host", Burst(2) + "?junk\\r\\n"})
                 .exit_code,
             0);
-  EXPECT_EXIT(
-      {
-        for (int i = 0; i < 100; ++i) tqredis_pubsub();
-        std::exit(3);
-      },
-      ::testing::ExitedWithCode(0), "");
-  const std::string copy =
-      tqtest::ReadFile("/var/tmp/coredump/pump_test.limitlog");
+  const std::string copy = PumpUntilTheLossEndsIt();
   EXPECT_NE(copy.find(">:>>>>redis_host[pubsub] disconnect[error=4 Protocol "
                       "error, got \"?\" as reply type byte]\r\n"),
             std::string::npos)
