@@ -357,6 +357,17 @@ inline uint32_t CalcDbop(uint32_t db, uint32_t op) {
                                                   : TQREDIS_OP_READ;
 }
 
+// The flush a write asks for on connected slot [dbop][db]; with `replies`,
+// past the bound it waits for what is owed rather than let it pile up.
+// `ledger` is the slot's, NULL for a pubsub slot. -1 on failure.
+int CommitWrites(uint32_t db, uint32_t dbop, uint32_t flag, bool replies,
+                 ReplyLedger *ledger) {
+  int rc = CommitConnected(db, dbop, flag);
+  if (rc == 0 && replies && ledger != nullptr && Unread(*ledger) > kMaxUnread)
+    rc = ReadAllOwed(dbop, db, *ledger);
+  return rc;
+}
+
 // What one command does beyond sending, decided once per call.
 struct Extras {
   bool replies;     // read the replies of pipelined writes
@@ -451,13 +462,7 @@ inline __attribute__((always_inline)) int Exec(uint32_t db, uint32_t op,
       words_needed ? WordsAt(ctx, at, extras.record) : RequestWords{};
   if (ledger != nullptr) Owe(*ledger, extras.replies, words.word);
   RecordStart(db, words, extras);  // a write is not timed
-  int rc = CommitConnected(db, dbop, flag);
-  // Past the bound, wait for what is owed rather than let it pile up.
-  if (rc == 0 && extras.replies && ledger != nullptr &&
-      Unread(*ledger) > kMaxUnread) {
-    rc = ReadAllOwed(dbop, db, *ledger);
-  }
-  if (rc != 0) {
+  if (CommitWrites(db, dbop, flag, extras.replies, ledger) != 0) {
     TQ_LOG_FROM("tqredis_exec_command", __LINE__, kLogError,
                 "%s[%s] commit command fail\r\n", DbName(db), OpName(op));
     return -1;
@@ -535,10 +540,7 @@ void Salvage(uint32_t op, uint32_t db, size_t read_len) {
 // slot [dbop][db] connected.
 int FlushCarried(uint32_t db, uint32_t dbop, uint32_t flag, Extras &extras) {
   ReplyLedger &ledger = LedgerOf(dbop, db);  // takes the carried requests
-  int rc = tqredis_commit_command(db, dbop, flag);
-  if (rc == 0 && extras.replies && Unread(ledger) > kMaxUnread)
-    rc = ReadAllOwed(dbop, db, ledger);
-  return rc;
+  return CommitWrites(db, dbop, flag, extras.replies, &ledger);
 }
 
 // Where a command stands after a failed attempt, reconnecting in place.
