@@ -22,6 +22,7 @@ extern "C" {
 #include <cstring>
 #include <string_view>
 
+#include "command/format.h"
 #include "connect/connect.h"
 #include "connect/reader.h"
 #include "connect/table.h"
@@ -33,6 +34,7 @@ extern "C" {
 #include "reply/reply.h"
 #include "tqredis.h"
 
+using tqredis::detail::AppendCommand;
 using tqredis::detail::DbName;
 using tqredis::detail::g_tqredis_connect_mng;
 using tqredis::detail::kLogError;
@@ -411,7 +413,7 @@ inline __attribute__((always_inline)) int Exec(uint32_t db, uint32_t op,
     // What redisvCommand() does, split so that the request can be read
     // between its formatting and its sending.
     void *reply = nullptr;
-    if (redisvAppendCommand(ctx, format, ap) != REDIS_OK) {
+    if (AppendCommand(ctx, format, ap) != REDIS_OK) {
       TQ_LOG_FROM("tqredis_exec_command", __LINE__, kLogError,
                   "%s[%s] read command fail\r\n", DbName(db),
                   OpName(TQREDIS_OP_READ));
@@ -452,7 +454,7 @@ inline __attribute__((always_inline)) int Exec(uint32_t db, uint32_t op,
   // With replies off, replies of appended commands are never read on read
   // and write slots.
   const size_t at = sdslen(ctx->obuf);
-  if (redisvAppendCommand(ctx, format, ap) != REDIS_OK) {
+  if (AppendCommand(ctx, format, ap) != REDIS_OK) {
     TQ_LOG_FROM("tqredis_exec_command", __LINE__, kLogError,
                 "%s[%s] write command fail\r\n", DbName(db), OpName(op));
     return -1;
