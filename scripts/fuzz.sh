@@ -8,7 +8,7 @@ set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-fuzz}
 seconds=${FUZZ_SECONDS:-60}
-targets="fuzz_reply fuzz_pmsg fuzz_config fuzz_status"
+targets="fuzz_reply fuzz_pmsg fuzz_config fuzz_status fuzz_format"
 
 "$root/scripts/lib/ensure-packages.sh" clang libclang-rt-14-dev
 
