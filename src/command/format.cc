@@ -46,7 +46,7 @@ struct Request {
   int piece_count = 0;
   int arg_count = 0;
   int number_count = 0;
-  size_t arg_len = 0;  // bytes of the argument being built
+  size_t arg_len = 0;    // bytes of the argument being built
   bool touched = false;  // the argument being built exists, even if empty
 
   bool Add(const char *at, size_t len) {
@@ -148,11 +148,10 @@ const char *Convert(Request &request, const char *c, va_list *ap) {
                        : request.AddSigned(va_arg(*ap, long long));
       break;
     case 'u':
-      ok = request.AddNumber(
-          size == 0   ? va_arg(*ap, unsigned int)
-          : size == 1 ? va_arg(*ap, unsigned long)
-                      : va_arg(*ap, unsigned long long),
-          false);
+      ok = request.AddNumber(size == 0   ? va_arg(*ap, unsigned int)
+                             : size == 1 ? va_arg(*ap, unsigned long)
+                                         : va_arg(*ap, unsigned long long),
+                             false);
       break;
     default:
       return nullptr;
