@@ -533,7 +533,12 @@ enum {
  * `ignored` has no effect (pass -1). Holds the global lock throughout,
  * except for each one-second sleep of the wait for the card information.
  * The format is checked by the compiler as a printf format, so hiredis's
- * binary "%b" is not available through this call. */
+ * binary "%b" is not available through this call. The request is the one
+ * hiredis makes of the format, byte for byte; formats of words, spaces, %s,
+ * %% and %d, %i, %u (also with l or ll), up to 16 arguments, are written
+ * straight into the output buffer without an allocation of their own, and
+ * any other format (widths, flags, other bases, floating point) costs
+ * hiredis's formatting. */
 TQREDIS_API redisReply *tqredis_db_command(int db, int op, int ignored,
                                            uint32_t flag, const char *format,
                                            ...) TQREDIS_PRINTF(5, 6);
