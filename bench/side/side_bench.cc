@@ -462,23 +462,23 @@ int main(int argc, char **argv) {
   std::function<void(Side, long)> after;
   std::vector<Figure> figures;
   if (test == "get") {
-    if (n == 0) n = 40000;
+    if (n == 0) n = 100000;
     Expect(static_cast<redisReply *>(
         redisCommand(g.bare, "SET bench:get %s", "0123456789abcdef")));
     loop = GetLoop;
     figures = {{"read", "GET/s", PerSecond}};
   } else if (test == "set") {
-    if (n == 0) n = 400000;
+    if (n == 0) n = 1000000;
     loop = SetLoop;
     after = [](Side side, long count) { Confirm(SetContext(side), count); };
     figures = {{"write", "SET/s", PerSecond}};
   } else if (test == "setreplies") {
-    if (n == 0) n = 400000;
+    if (n == 0) n = 1000000;
     if (tqredis_set_option("replies", 1) != 0) Fail("replies=1");
     loop = SetRepliesLoop;
     figures = {{"write_replies", "SET/s", PerSecond}};
   } else if (test == "notify") {
-    if (n == 0) n = 2000000;
+    if (n == 0) n = 5000000;
     tqredis_db_psubscrible();
     g.bare_sub = Connect(kFeederSocket);
     Expect(static_cast<redisReply *>(
