@@ -12,6 +12,7 @@
 # is on the target's side, "missed" when the whole of it is on the other,
 # "unresolved" when the target lies within it or the spread is over 5 %:
 # such a figure cannot tell a pass from a miss, whatever its median says.
+# A figure without a target gets no verdict, or "unresolved" past 5 %.
 #
 # Needs root: the servers live on the device's socket paths, inside a
 # private mount namespace of this run (its own empty /tmp/redis and
@@ -238,7 +239,8 @@ footer="CPU $cpu of $(nproc), $(uname -r), $rounds rounds, median ±half the ran
 # The verdict of each row, appended as its last field.
 awk -F'|' -v OFS='|' '{
   v = $5; s = $6; op = $7; g = $8
-  if (op == "") { verdict = "" }
+  # A figure without a target still says when it cannot be trusted.
+  if (op == "") { verdict = s > 5 ? "unresolved" : "" }
   else {
     lo = v - v * s / 100; hi = v + v * s / 100
     if (s > 5) verdict = "unresolved"
