@@ -7,10 +7,11 @@
 # and puts the table in docs/performance.md, between its bench:table marks.
 #
 # A figure's spread is half the range of its rounds in percent of their
-# median; a ratio is taken round by round (both sides of a round run back to
-# back) and its median kept. Verdicts: "met" when the whole of ratio ±spread
-# is on the target's side, "missed" when the whole of it is on the other,
-# "unresolved" when the target lies within it or the spread is over 5 %:
+# median; a ratio is taken round by round (the two sides of a round take
+# turns, slice by slice) and its median kept. Verdicts: "met" when the whole
+# of ratio ±spread is on the target's side, "missed" when the whole of it is
+# on the other, "unresolved" when the target lies within it or the spread is
+# over 5 %:
 # such a figure cannot tell a pass from a miss, whatever its median says.
 # A figure without a target gets no verdict, or "unresolved" past 5 %.
 #

@@ -1,6 +1,7 @@
 // One figure of tqredis and of bare hiredis side by side, in one process, on
-// the same server and socket: the two sides alternate round by round (the
-// first side swaps each round) and each prints its median and spread.
+// the same server and socket: within each round the two sides take turns
+// slice by slice (ten slices, one scan walk each for scan; the first side
+// swaps each slice) and each prints its median and spread over the rounds.
 //   tqbench TEST [--rounds R] [--n N] [--side both|bare|tq]
 // TEST is get, set, setreplies, notify or scan (setreplies: pipelined SETs
 // with replies=1 against bare hiredis reading every reply the same way). The
@@ -17,7 +18,7 @@
 //   allocs <test> <bare per op> <tq per op>
 // A spread is half the range of the rounds, in percent of their median. The
 // ratio is tqredis over bare hiredis, taken round by round (the two sides of
-// one round ran back to back, under the same load) and then its median.
+// one round ran in turns, under the same load) and then its median.
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -461,6 +462,7 @@ int main(int argc, char **argv) {
   std::function<void()> before;
   std::function<void(Side, long)> after;
   std::vector<Figure> figures;
+  int slices = 10;  // turns of each side per round; n is a multiple
   if (test == "get") {
     if (n == 0) n = 100000;
     Expect(static_cast<redisReply *>(
@@ -499,6 +501,7 @@ int main(int argc, char **argv) {
       if (redisGetReply(g.bare, &reply) != REDIS_OK) Fail("fill");
       freeReplyObject(reply);
     }
+    slices = static_cast<int>(n / kScanKeys);  // one walk a slice
     loop = [](Side side, long count) { ScanLoop(side, count / kScanKeys); };
     figures = {{"scan", "keys/s", PerSecond}};
   } else {
@@ -524,15 +527,28 @@ int main(int argc, char **argv) {
     return 0;
   }
 
+  // Within a round the two sides take turns slice by slice, the first side
+  // swapping each slice, so that both meet the same moments of the machine;
+  // a side's round is the sum of its slices.
+  if (n % slices != 0) Fail("--n is not a multiple of the slices");
+  const long slice = n / slices;
   std::vector<std::vector<Sample>> samples(2);
   for (int r = 0; r < rounds; ++r) {
-    const Side order[2] = {r % 2 ? Side::kTq : Side::kBare,
-                           r % 2 ? Side::kBare : Side::kTq};
-    for (Side side : order) {
-      const Sample s = Measure([&] { loop(side, n); });
-      if (after) after(side, n);
-      samples[side == Side::kBare ? 0 : 1].push_back(s);
+    Sample round[2] = {};
+    for (int k = 0; k < slices; ++k) {
+      const bool tq_first = (r + k) % 2 != 0;
+      for (Side side : {tq_first ? Side::kTq : Side::kBare,
+                        tq_first ? Side::kBare : Side::kTq}) {
+        const Sample s = Measure([&] { loop(side, slice); });
+        if (after) after(side, slice);
+        Sample &sum = round[side == Side::kBare ? 0 : 1];
+        sum.seconds += s.seconds;
+        sum.cpu_seconds += s.cpu_seconds;
+        sum.allocs += s.allocs;
+      }
     }
+    samples[0].push_back(round[0]);
+    samples[1].push_back(round[1]);
   }
   Report(figures, samples, n, test.c_str());
   return 0;
