@@ -172,18 +172,19 @@ if [ "$callgrind" = 1 ]; then
     "<= 2.0x"
 fi
 
-# The library's own pieces: no bare side. Each repeated back to back, which
-# keeps nanosecond figures within a few percent (interleaved, each would run
-# after a different neighbour and its caches and branch history, and move by
-# up to a tenth); then the log line and its floor interleaved, so that the
-# two share each round and their ratio is taken round by round.
+# The library's own pieces: no bare side. Each repeated back to back, half a
+# second a repetition, which keeps nanosecond figures within a few percent
+# (interleaved, each would run after a different neighbour and its caches and
+# branch history, and move by up to a tenth); then the log line and its floor
+# interleaved, so that the two share each round and their ratio is taken
+# round by round.
 echo "micro-benchmarks" >&2
 pair='^(LogFileLine|FileLineStdioOnly)$'
 pin "$build_dir/bench/micro/tqbench_micro" --benchmark_list_tests \
   >"$work/micro.list"
 pin "$build_dir/bench/micro/tqbench_micro" --benchmark_format=csv \
   --benchmark_filter="-$pair" \
-  --benchmark_min_time=0.2 --benchmark_repetitions="$rounds" \
+  --benchmark_min_time=0.5 --benchmark_repetitions="$rounds" \
   2>/dev/null >"$work/micro.csv"
 pin "$build_dir/bench/micro/tqbench_micro" --benchmark_format=csv \
   --benchmark_filter="$pair" \
