@@ -29,6 +29,16 @@ constexpr int kMaxPieces = 32;
 constexpr int kMaxNumbers = 16;
 constexpr size_t kNumberSize = 24;
 
+// Writes `value` in decimal so that it ends just before `end`; returns its
+// first character.
+char *DecimalEndingAt(char *end, unsigned long long value) {
+  do {
+    *--end = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  return end;
+}
+
 // A run of bytes of one argument: literal text of the format, a caller's
 // string, or a converted number in Request::numbers.
 struct Piece {
@@ -71,11 +81,7 @@ struct Request {
   bool AddNumber(unsigned long long magnitude, bool negative) {
     if (number_count == kMaxNumbers) return false;
     char *end = numbers[number_count++] + kNumberSize;
-    char *p = end;
-    do {
-      *--p = static_cast<char>('0' + magnitude % 10);
-      magnitude /= 10;
-    } while (magnitude != 0);
+    char *p = DecimalEndingAt(end, magnitude);
     if (negative) *--p = '-';
     return Add(p, static_cast<size_t>(end - p));
   }
@@ -100,13 +106,8 @@ size_t DecimalWidth(size_t value) {
 
 // Writes `value` in decimal at `p`; returns the end.
 char *PutDecimal(char *p, size_t value) {
-  const size_t width = DecimalWidth(value);
-  char *end = p + width;
-  char *q = end;
-  do {
-    *--q = static_cast<char>('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
+  char *end = p + DecimalWidth(value);
+  DecimalEndingAt(end, value);
   return end;
 }
 
