@@ -119,27 +119,25 @@ const char *Convert(Request &request, const char *c, va_list *ap) {
   int size = 0;
   if (c[0] == 'l') size = c[1] == 'l' ? 2 : 1;
   const char conversion = c[size];
+  // A size modifier goes with the decimal conversions only.
+  if (size != 0 && conversion != 'd' && conversion != 'i' && conversion != 'u')
+    return nullptr;
   bool ok = false;
   switch (conversion) {
-    case 's':
-      if (size != 0) return nullptr;
-      {
-        const char *text = va_arg(*ap, const char *);
-        if (text == nullptr) return nullptr;  // hiredis's own crash, not ours
-        ok = request.Add(text, std::strlen(text));
-      }
+    case 's': {
+      const char *text = va_arg(*ap, const char *);
+      if (text == nullptr) return nullptr;  // hiredis's own crash, not ours
+      ok = request.Add(text, std::strlen(text));
       break;
-    case 'b':
-      if (size != 0) return nullptr;
-      {
-        const char *bytes = va_arg(*ap, const char *);
-        const size_t len = va_arg(*ap, size_t);
-        if (bytes == nullptr && len > 0) return nullptr;
-        ok = request.Add(bytes, len);
-      }
+    }
+    case 'b': {
+      const char *bytes = va_arg(*ap, const char *);
+      const size_t len = va_arg(*ap, size_t);
+      if (bytes == nullptr && len > 0) return nullptr;
+      ok = request.Add(bytes, len);
       break;
+    }
     case '%':
-      if (size != 0) return nullptr;
       ok = request.Add("%", 1);
       break;
     case 'd':

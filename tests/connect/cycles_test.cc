@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -103,12 +104,12 @@ class Cycles : public tqtest::InPlace {
       // rounds sizes differently on each ABI (16 bytes apart on 32-bit
       // MIPS). Growth with every cycle would still show far beyond this.
       constexpr long long kCapacitySlack = 1024;
-      const long long moved = heap_after.bytes - heap_before.bytes;
+      const long long moved =
+          std::llabs(heap_after.bytes - heap_before.bytes);
       EXPECT_EQ(heap_after.blocks, heap_before.blocks);
-      EXPECT_LE(moved < 0 ? -moved : moved, kCapacitySlack)
+      EXPECT_LE(moved, kCapacitySlack)
           << "before " << heap_before.bytes << " after " << heap_after.bytes;
-      if (heap_after.blocks != heap_before.blocks ||
-          (moved < 0 ? -moved : moved) > kCapacitySlack)
+      if (heap_after.blocks != heap_before.blocks || moved > kCapacitySlack)
         tqtest::FlagToMemoryChecker("the live heap changed across the cycles");
     }
     EXPECT_FALSE(events_.Broken()) << tqtest::ToString(events_.All());
